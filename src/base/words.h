@@ -1,0 +1,23 @@
+// Cutting texts into pieces, the same way everywhere.
+#ifndef QUARRYD_BASE_WORDS_H
+#define QUARRYD_BASE_WORDS_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Appends the pieces of text between separators to pieces; an empty piece between two separators
+// is kept. An empty text has no pieces.
+void cut_at(std::string_view text, char separator, std::vector<std::string> &pieces);
+
+// The text up to the first separator (or all of it), taken off the front of rest together with the
+// whole run of separators behind it.
+std::string_view take_field(std::string_view &rest, char separator);
+
+// Drops every leading separator.
+void skip_run(std::string_view &rest, char separator);
+
+// The name of a device as the registry knows it: without "/dev/" when the word begins with that.
+std::string strip_dev(const std::string &word);
+
+#endif

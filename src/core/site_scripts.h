@@ -1,0 +1,15 @@
+// The site's own programs for the beginning and the end of the daemon's work.
+//
+// Both settings name a program; one that is not an executable regular file is passed over silently.
+#ifndef QUARRYD_CORE_SITE_SCRIPTS_H
+#define QUARRYD_CORE_SITE_SCRIPTS_H
+
+// Starts the start script with the argument "-startup" and does not wait; its pid is in
+// startup_child_pid until the main loop reaps it. Its alarm rings after 30 seconds.
+void run_startup();
+
+// Runs the stop script with the argument "-shutdown" and waits for its end. Its alarm rings after 5
+// seconds.
+void run_shutdown();
+
+#endif

@@ -1,0 +1,69 @@
+// Forced unmounting.
+#include "mount/unmounting.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sys/mount.h>
+#include <sys/swap.h>
+#include <unistd.h>
+
+#include "base/daemon_state.h"
+#include "inspect/device_name_set.h"
+#include "mount/mount_tables.h"
+#include "mount/process_eviction.h"
+#include "registry/label_links.h"
+
+static bool is_boot_device(const std::string &name)
+{
+    return name == boot_drive || name == boot_partition;
+}
+
+// A swap file on the device would keep it busy for ever.
+static void remove_swap_file(const std::string &name)
+{
+    if (name != main_partition || settings.swap_name.empty())
+        return;
+    if (swapoff(swap_path.c_str()) < 0 && errno != EINVAL && errno != ENOENT)
+        fprintf(stderr, "Unable to remove swapfile %s, %s. this may hamper unmount!\n",
+                swap_path.c_str(), strerror(errno));
+}
+
+static void unmount_with_patience(const std::string &mountpoint)
+{
+    if (umount(mountpoint.c_str()) == 0 || no_force_shutdown)
+        return;
+    fprintf(stderr, "wait, cannot unmount %s %s\n", mountpoint.c_str(), strerror(errno));
+    sleep(2);
+    if (umount(mountpoint.c_str()) < 0)
+        fprintf(stderr, "yep. cannot force unmount %s\n", mountpoint.c_str());
+}
+
+void force_unmount(const std::string &name)
+{
+    if (is_boot_device(name))
+        return;
+    device_name_set_remove(name);
+    ReadProcMounts();
+    const MountEntry *entry = FindMount("device", "/dev/" + name);
+    if (!entry)
+        return;
+    const std::string mountpoint = entry->mountpoint; // the entry dies at the next reading
+    if (mountpoint.empty() || mountpoint == "/")
+        return;
+    if (!no_force_shutdown) {
+        fprintf(stderr, "killing processes using %s on %s\n", name.c_str(), mountpoint.c_str());
+        evict_mount_users(name, mountpoint, false);
+    }
+    remove_swap_file(name);
+    unmount_with_patience(mountpoint);
+    ReadProcMounts();
+    rmdir(mountpoint.c_str());
+    remove_label_link(name);
+}
+
+void release_vanished_device(const std::string &name)
+{
+    if (FindMount("device", "/dev/" + name) && !is_boot_device(name))
+        force_unmount(name);
+}
