@@ -1,0 +1,129 @@
+#include "output.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <unistd.h>
+
+// No label that a filesystem can hold comes near: HFS+ has the longest, 255 UTF-16 units.
+static constexpr size_t longest_label = 1024;
+static constexpr size_t longest_value = 255;
+
+// What libblkid calls differently from the daemon. "hfsx" is HFS+ with case-sensitive names.
+static const struct {
+    const char *blkid;
+    const char *daemon;
+} renamed_filesystems[] = {
+    {"vfat", "fat"},
+    {"msdos", "fat"},
+    {"hfsplus", "hfs+"},
+    {"hfsx", "hfs+"},
+};
+
+std::string daemon_filesystem_name(const std::string &blkid_name)
+{
+    for (const auto &renamed : renamed_filesystems)
+        if (blkid_name == renamed.blkid)
+            return renamed.daemon;
+    return blkid_name;
+}
+
+// Bytes of the UTF-8 character at the start of text, its code point in code; 0 when the bytes there
+// are no UTF-8: a stray or missing continuation byte, more bytes than needed, half of a surrogate
+// pair, or past the last code point.
+static size_t decode_utf8(const char *text, size_t length, unsigned &code)
+{
+    const auto byte = [text](size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned lead = byte(0);
+    if (lead < 0x80) {
+        code = lead;
+        return 1;
+    }
+    size_t size = 0;
+    unsigned smallest = 0;
+    if ((lead & 0xE0) == 0xC0) {
+        size = 2;
+        smallest = 0x80;
+        code = lead & 0x1F;
+    } else if ((lead & 0xF0) == 0xE0) {
+        size = 3;
+        smallest = 0x800;
+        code = lead & 0x0F;
+    } else if ((lead & 0xF8) == 0xF0) {
+        size = 4;
+        smallest = 0x10000;
+        code = lead & 0x07;
+    }
+    if (size == 0 || size > length)
+        return 0;
+    for (size_t i = 1; i < size; i++) {
+        if ((byte(i) & 0xC0) != 0x80)
+            return 0;
+        code = (code << 6) | (byte(i) & 0x3F);
+    }
+    if (code < smallest || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
+        return 0;
+    return size;
+}
+
+static bool is_harmful(unsigned code)
+{
+    return code == '/' || code < 0x20 || (code >= 0x7F && code <= 0x9F) // both sets of controls
+           || (code >= 0x2028 && code <= 0x202E)                        // separators, embeddings
+           || (code >= 0x2066 && code <= 0x2069);                       // isolates
+}
+
+std::string harmless_text(const std::string &text, size_t limit)
+{
+    std::string harmless;
+    for (size_t at = 0; at < text.size();) {
+        unsigned code = 0;
+        const size_t size = decode_utf8(text.data() + at, text.size() - at, code);
+        const bool keep = size > 0 && !is_harmful(code);
+        if (harmless.size() + (keep ? size : 1) > limit)
+            break;
+        if (keep)
+            harmless.append(text, at, size);
+        else
+            harmless += '_';
+        at += size > 0 ? size : 1;
+    }
+    return harmless;
+}
+
+std::string answer_text(const VolumeFacts &facts, bool label_only)
+{
+    std::string answer = harmless_text(facts.label, longest_label) + "\n";
+    if (label_only)
+        return answer;
+    const struct {
+        const char *key;
+        std::string value;
+    } lines[] = {
+        {"filesystem", daemon_filesystem_name(facts.filesystem)},
+        {"uuid", facts.uuid},
+        {"version", facts.version},
+        {"usage", facts.usage},
+    };
+    static_assert(longest_label + 1 + 4 * (sizeof("  filesystem: \n") + longest_value) <=
+                  longest_answer);
+    for (const auto &line : lines)
+        if (!line.value.empty())
+            answer += std::string("  ") + line.key + ": " +
+                      harmless_text(line.value, longest_value) + "\n";
+    return answer;
+}
+
+int write_answer(int fd, const std::string &answer)
+{
+    ssize_t written = -1;
+    do
+        written = write(fd, answer.data(), answer.size());
+    while (written < 0 && errno == EINTR);
+    if (written < 0)
+        fprintf(stderr, "Cannot write the answer: %s\n", strerror(errno));
+    else if (static_cast<size_t>(written) != answer.size())
+        fprintf(stderr, "Cannot write the whole answer\n");
+    return written >= 0 && static_cast<size_t>(written) == answer.size();
+}
