@@ -2,9 +2,9 @@
 #ifndef QUARRYD_CORE_INHERITED_STATE_H
 #define QUARRYD_CORE_INHERITED_STATE_H
 
-// Gives the process what the rest of the daemon relies on: descriptors 0 to 2 are open (on /dev/null
-// when they were not), children can be waited for, no signal is blocked, and a line on stdout is
-// written when it ends, whatever stdout is. Prints nothing.
+// Gives the process what the rest of the daemon relies on: descriptors 0 to 2 are open (on
+// /dev/null when they were not), children can be waited for, no signal is blocked, and a line on
+// stdout is written when it ends, whatever stdout is. Prints nothing.
 void put_inherited_state_right();
 
 #endif

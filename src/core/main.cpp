@@ -127,8 +127,8 @@ static void run_until_terminated(time_t start_time)
     time_t tick_4s = start_time; // hotplug mode: a look at the known drives
     time_t tick_5s = 0;          // housekeeping of /mnt; due in the first pass
     // The start script waits for the main partition, when there is one to be found.
-    const bool main_search_pending = !settings.main_partition_signature.empty() ||
-                                     !settings.main_partition_label.empty();
+    const bool main_search_pending =
+        !settings.main_partition_signature.empty() || !settings.main_partition_label.empty();
     bool startup_done = false;
 
     while (!terminate_requested) {

@@ -16,7 +16,13 @@
 
 static const char probe_program[] = "/usr/bin/volsniffer";
 static const size_t answer_limit = 4095;
-static const char not_known[] = " ";
+
+// A single blank: not empty, so that nobody asks again.
+static void set_unknown(std::string *filesystem)
+{
+    if (filesystem)
+        filesystem->assign(1, ' ');
+}
 
 // In the child: never returns.
 [[noreturn]] static void become_probe(const std::string &path, int read_end, int write_end)
@@ -77,12 +83,12 @@ void parse_probe_answer(const std::string &answer, std::string &label, std::stri
     }
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): a caller may hand over a field of the record
 int probe_label(std::string name, std::string &label, std::string *filesystem)
 {
     if (is_raid_member(name)) {
         label.clear();
-        if (filesystem)
-            *filesystem = not_known;
+        set_unknown(filesystem);
         return 0;
     }
     int ends[2];
@@ -92,10 +98,8 @@ int probe_label(std::string name, std::string &label, std::string *filesystem)
     // had would show as a descriptor that was never given back.
     if (name.empty())
         return 0;
-    if (name[0] != '/')
-        name.insert(0, "/dev/");
-    if (filesystem)
-        *filesystem = not_known;
+    const std::string path = name[0] == '/' ? name : "/dev/" + name;
+    set_unknown(filesystem);
 
     pid_t child = fork();
     if (child < 0) {
@@ -104,7 +108,7 @@ int probe_label(std::string name, std::string &label, std::string *filesystem)
         return 0;
     }
     if (child == 0)
-        become_probe(name, ends[0], ends[1]);
+        become_probe(path, ends[0], ends[1]);
     close(ends[1]);
     // One read: the program writes its whole answer at once, and what is too long for it is noise.
     char answer[answer_limit + 1];
@@ -113,7 +117,7 @@ int probe_label(std::string name, std::string &label, std::string *filesystem)
     int status = reap_probe(child);
     close(ends[0]);
     if (status != 0) {
-        fprintf(stderr, "volsniffer failed for %s, return value %u\n", name.c_str(),
+        fprintf(stderr, "volsniffer failed for %s, return value %u\n", path.c_str(),
                 static_cast<unsigned>((status >> 8) & 255));
         return 0;
     }

@@ -33,8 +33,7 @@ static bool is_mounted(const std::string &name)
 static void remove_stale_directory(int mnt_fd, const char *name)
 {
     struct statx status;
-    if (is_mounted(name) ||
-        status_without_waiting(mnt_fd, name, AT_SYMLINK_NOFOLLOW, status) < 0 ||
+    if (is_mounted(name) || status_without_waiting(mnt_fd, name, AT_SYMLINK_NOFOLLOW, status) < 0 ||
         !S_ISDIR(status.stx_mode))
         return;
     if (time(nullptr) - static_cast<time_t>(status.stx_mtime.tv_sec) > quiet_seconds)
@@ -63,14 +62,14 @@ static std::string plain_path(const std::string &directory, const std::string &t
 // Filesystems that another machine or a user's program answers for, if it does.
 static bool may_never_answer(const std::string &fstype)
 {
-    static const char *const beginnings[] = {"fuse", "nfs", "cifs", "smb", "9p",
+    static const char *const beginnings[] = {"fuse", "nfs",  "cifs", "smb",   "9p",
                                              "afs",  "ceph", "coda", "autofs"};
     return std::any_of(std::begin(beginnings), std::end(beginnings),
                        [&](const char *beginning) { return fstype.starts_with(beginning); });
 }
 
-// Whether a path is a mount point, or lies on a mount that may never answer: such a target is there,
-// as far as anybody can tell without waiting.
+// Whether a path is a mount point, or lies on a mount that may never answer: such a target is
+// there, as far as anybody can tell without waiting.
 static bool is_beyond_asking(const std::string &path)
 {
     const MountEntry *innermost = nullptr;

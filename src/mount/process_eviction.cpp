@@ -92,8 +92,8 @@ static void signal_user(int pid, int pass)
 }
 
 // One pass over all processes; the number of those that use the mount point.
-static int signal_users(const std::string &device, const std::string &mountpoint,
-                        bool writers_only, int pass)
+static int signal_users(const std::string &device, const std::string &mountpoint, bool writers_only,
+                        int pass)
 {
     Directory processes(AT_FDCWD, "/proc");
     if (!processes.IsOpen()) {

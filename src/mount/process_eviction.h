@@ -18,8 +18,7 @@ bool process_uses_path(int pid, const std::string &device, const std::string &pa
 // are still there. Returns when nobody is left or when even that did not help (after about a second
 // and eleven readings of /proc). Runs in a child process, whose decisions go to the system log;
 // failures are lines on stderr. "/" is never cleared.
-void evict_mount_users(const std::string &device, const std::string &mountpoint,
-                       bool writers_only);
+void evict_mount_users(const std::string &device, const std::string &mountpoint, bool writers_only);
 
 // Whether any process has an open file whose name begins with path.
 bool device_in_use(const std::string &path);

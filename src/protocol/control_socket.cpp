@@ -72,8 +72,7 @@ static std::string peer_path(const sockaddr_un &address, socklen_t length)
     const size_t start = offsetof(sockaddr_un, sun_path);
     if (length <= start)
         return std::string();
-    return std::string(address.sun_path,
-                       strnlen(address.sun_path, sizeof(address.sun_path)));
+    return std::string(address.sun_path, strnlen(address.sun_path, sizeof(address.sun_path)));
 }
 
 // Takes in one waiting client, or returns null when there is none.

@@ -1,8 +1,8 @@
 // The listings of drives and partitions that clients read.
 //
 // Making a listing is not passive: a device whose filesystem is not known yet is given to the label
-// probe program first, so the first listing after a drive has come is when its label is learnt. Each
-// such device costs one run of that program; a drive that somebody has open is left alone.
+// probe program first, so the first listing after a drive has come is when its label is learnt.
+// Each such device costs one run of that program; a drive that somebody has open is left alone.
 #ifndef QUARRYD_PROTOCOL_DRIVE_LISTINGS_H
 #define QUARRYD_PROTOCOL_DRIVE_LISTINGS_H
 

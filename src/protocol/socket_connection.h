@@ -44,10 +44,10 @@ public:
     std::map<int, std::string> args; // the request's words; 0 is the command
     int argc = 0;                    // number of words
     int state = STATE_READING;
-    int fd;            // -1 once closed
-    size_t sent = 0;   // bytes of output that are out
+    int fd;          // -1 once closed
+    size_t sent = 0; // bytes of output that are out
     bool closed = false;
-    uid_t uid;         // whose rights every command asks for; root is 0
+    uid_t uid; // whose rights every command asks for; root is 0
 };
 
 // Splits a request line into words at blanks. A word in double quotes may hold blanks and may be

@@ -56,8 +56,8 @@ public:
     int scanned = 0;               // the partition's own: 1 once it was looked at in vain
 };
 
-extern std::map<std::string, BlockDevice *> blockdev_list;     // drives by name
-extern std::map<std::string, PartitionDevice *> partdev_list;  // partitions by name
+extern std::map<std::string, BlockDevice *> blockdev_list;    // drives by name
+extern std::map<std::string, PartitionDevice *> partdev_list; // partitions by name
 
 // Whether the registry knows a drive or a partition of that name (without "/dev/").
 bool device_exists(const char *name);

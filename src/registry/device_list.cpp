@@ -159,8 +159,7 @@ static void let_go(BlockDevice *device)
     device->set_connection(nullptr);
     const int holders = device->release();
     if (holders != 0)
-        fprintf(stderr,
-                "BUG: FreeBlockDeviceList() device %s still has outstanding refcount %d\n",
+        fprintf(stderr, "BUG: FreeBlockDeviceList() device %s still has outstanding refcount %d\n",
                 device->device.c_str(), holders);
     else
         delete device;
