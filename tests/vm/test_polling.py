@@ -1,0 +1,178 @@
+"""Drives that come and go while the daemon polls."""
+import os
+import re
+
+import pytest
+
+from rig import Disk, images
+
+_folder = None
+
+
+def drives(folder):
+    global _folder
+    _folder = folder
+    return [Disk("sata", _two_partitions("sata"), id="sata", attached=False),
+            Disk("sd", id="card")]
+
+
+def _two_partitions(name):
+    return images.disk(os.path.join(_folder, name), "64M",
+                       [("24M", "83", "ext4", name.upper()[:12]), (None, "c", "vfat", "SECOND")])
+
+
+def appeared(*names):
+    return ["Device %s just appeared (polling)" % n for n in names]
+
+
+def disappeared(*names):
+    return ["Device %s just disappeared (polling)" % n for n in names]
+
+
+def device_lines(text):
+    return [line for line in text.splitlines() if line.startswith("Device ")]
+
+
+@pytest.mark.parametrize("bus", ["usb", "nvme", "virtio-scsi", "sata", "sd"])
+def test_plug_and_unplug(fresh, bus):
+    """A drive with two partitions is noticed within two polls, its line before theirs; pulled, the
+    partitions' lines come before the drive's, and nothing of it stays in the listings."""
+    daemon = fresh.daemon()
+    daemon.wait_err("Device vda1 just appeared (polling)\n")
+    before = fresh.request("list")
+    mark = len(daemon.err())
+    for _ in range(2):
+        if bus == "sata":
+            id, name = "sata", fresh.plug("sata")
+        elif bus == "sd":
+            id = "card"
+            fresh.insert("card", _two_partitions("sd"))
+            name = fresh.node("card")
+        else:
+            id = bus
+            name = fresh.plug(Disk(bus, _two_partitions(bus), id=bus))
+        parts = fresh.parts(id, 2)
+        for part in parts:
+            daemon.wait_err("Device %s just appeared" % part, timeout=5, since=mark)
+        assert device_lines(daemon.err()[mark:])[0] == appeared(name)[0]
+        assert sorted(device_lines(daemon.err()[mark:])) == sorted(appeared(name, *parts))
+        listing = fresh.request("list")
+        assert re.search(r"^OK- \t%s\tHard Drive\t" % name, listing, re.M)
+        assert [m for m in re.findall(r"^OK- \t\t(\S+)\tPartition\t", listing, re.M)
+                if m in parts] == parts
+        assert "\t%s\tPartition\t" % parts[1] in listing and "\tSECOND\t" in listing
+        mark = len(daemon.err())
+        if bus == "sd":
+            fresh.remove_medium("card")
+        else:
+            fresh.unplug(id)
+        daemon.wait_err("Device %s just disappeared" % name, timeout=5, since=mark)
+        assert device_lines(daemon.err()[mark:]) == disappeared(*parts, name)
+        assert fresh.request("list") == before
+        mark = len(daemon.err())
+    assert "BUG" not in daemon.err()
+
+
+def test_drives_noticed_within_two_seconds(fresh):
+    """From the kernel's notice to the daemon's line pass at most two seconds."""
+    daemon = fresh.daemon()
+    daemon.wait_err("Device vda1 just appeared (polling)\n")
+    mark = len(daemon.err())
+    name = fresh.plug(Disk("virtio-scsi", 16 << 20, id="quick"))
+    daemon.wait_err("Device %s just appeared" % name, timeout=2, since=mark)
+    mark = len(daemon.err())
+    fresh.unplug("quick")
+    daemon.wait_err("Device %s just disappeared" % name, timeout=2, since=mark)
+
+
+def test_repartitioned_drive(fresh):
+    """A drive that gets another partition table while plugged loses and gains its partitions."""
+    name = fresh.plug(Disk("virtio-scsi", _two_partitions("table"), id="table"))
+    daemon = fresh.daemon()
+    first, second = fresh.parts("table", 2)
+    daemon.wait_err("Device %s just appeared (polling)\n" % second)
+    mark = len(daemon.err())
+    fresh.partition("table", "dos", [(None, "83")])
+    daemon.wait_err("Device %s just disappeared (polling)\n" % second, since=mark)
+    assert name in fresh.request("list")
+    assert "\t\t%s\t" % first in fresh.request("list")
+    assert "\t\t%s\t" % second not in fresh.request("list")
+    fresh.unplug("table")
+
+
+def mount(vm, part, link=None):
+    """Mounts a partition where the daemon would, with the link of its label."""
+    vm.sh("mkdir -p /mnt/%s && mount /dev/%s /mnt/%s" % (part, part, part))
+    if link:
+        vm.sh("ln -s %s '/mnt/^%s'" % (part, link))
+
+
+def test_mounted_stick_pulled(fresh):
+    """A mounted stick that is pulled is unmounted by force: the process on it is driven out, and
+    its folder and label link go; a link of that kind that points elsewhere stays."""
+    name = fresh.plug(Disk("usb", _two_partitions("stick"), id="stick"))
+    first, second = fresh.parts("stick", 2)
+    daemon = fresh.daemon()
+    daemon.wait_err("Device %s just appeared (polling)\n" % second)
+    fresh.request("list")                               # learns the labels
+    mount(fresh, first, "STICK")
+    mount(fresh, second)
+    fresh.sh("ln -s elsewhere '/mnt/^SECOND'")
+    holder = fresh.sh("cd /mnt/%s && exec 9>file && exec sleep 1000 >/dev/null & echo $!"
+                      % first).out.strip()
+    fresh.sh("until readlink /proc/%s/cwd | grep -q /mnt/; do sleep .05; done" % holder)
+    daemon.wait_err("Device vda1 just appeared (polling)\n")
+    mark = len(daemon.err())
+    fresh.unplug("stick")
+    err = daemon.wait_err("Device %s just disappeared (polling)\n" % name, since=mark)[mark:]
+    assert "killing processes using %s on /mnt/%s\n" % (first, first) in err
+    assert "killing processes using %s on /mnt/%s\n" % (second, second) in err
+    assert device_lines(err) == disappeared(first, second, name)
+    assert "/mnt/" not in fresh.text("/proc/mounts")
+    assert fresh.sh("[ -e /proc/%s ]" % holder, check=False).rc == 1
+    assert any("%s: sleep is using mount points. terminating..." % holder in line
+               for line in fresh.syslog())
+    assert fresh.sh("ls -A /mnt; readlink '/mnt/^SECOND'").out == "^SECOND\nelsewhere\n"
+    assert "cannot" not in err and "BUG" not in err
+
+
+def test_stick_mounted_elsewhere_pulled(fresh):
+    """A stick that somebody mounted outside /mnt is unmounted as well when it is pulled."""
+    fresh.plug(Disk("usb", _two_partitions("guest"), id="guest"))
+    first, second = fresh.parts("guest", 2)
+    fresh.sh("mkdir -p /srv/stick && mount /dev/%s /srv/stick" % first)
+    daemon = fresh.daemon()
+    daemon.wait_err("Device %s just appeared (polling)\n" % second)
+    mark = len(daemon.err())
+    fresh.unplug("guest")
+    daemon.wait_err("Device %s just disappeared (polling)\n" % first, since=mark)
+    fresh.wait_until(lambda: "/srv/stick" not in fresh.text("/proc/mounts"), 10)
+    fresh.wait_until(lambda: fresh.sh("[ -e /srv/stick ]", check=False).rc == 1, 5,
+                     "the mount point's removal")
+
+
+def test_md_array_comes_and_goes(fresh):
+    """An md array that is assembled and stopped appears and disappears as a drive, and its
+    members are marked."""
+    fresh.plug(Disk("virtio-scsi", 32 << 20, id="a"))
+    fresh.plug(Disk("virtio-scsi", 32 << 20, id="b"))
+    a, b = fresh.node("a"), fresh.node("b")
+    daemon = fresh.daemon()
+    daemon.wait_err("Device %s just appeared (polling)\n" % b)
+    mark = len(daemon.err())
+    fresh.sh("mdadm -q --create /dev/md7 --run --level=1 --raid-devices=2 --metadata=1.2 "
+             "--assume-clean /dev/%s /dev/%s 2>&1" % (a, b))
+    daemon.wait_err("Device md7 just appeared (polling)\n", since=mark)
+    assert raid_states(fresh.request("list"), a, b) == ["Active RAID"] * 2
+    mark = len(daemon.err())
+    fresh.sh("mdadm -q --stop /dev/md7 2>&1")
+    daemon.wait_err("Device md7 just disappeared (polling)\n", since=mark)
+    assert fresh.request("refresh") == "OK refreshed\n"
+    assert raid_states(fresh.request("list"), a, b) == ["Inactive RAID"] * 2
+    fresh.unplug("a")
+    fresh.unplug("b")
+
+
+def raid_states(listing, *names):
+    rows = {f[1]: f[8] for f in (line.split("\t") for line in listing.splitlines()) if len(f) == 10}
+    return [rows[name] for name in names]

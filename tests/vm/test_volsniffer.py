@@ -1,0 +1,93 @@
+"""The label probe on real filesystems and real drives."""
+import os
+import time
+
+import pytest
+
+from rig import Disk, images
+
+# (made as, label, the daemon's word for it, the label it shows)
+KINDS = [("ext2", "two", "ext2", "two"), ("ext3", "three", "ext3", "three"),
+         ("ext4", "With a blank", "ext4", "With a blank"), ("xfs", "xlabel", "xfs", "xlabel"),
+         ("btrfs", "a btrfs", "btrfs", "a btrfs"), ("vfat", "FATLABEL", "fat", "FATLABEL"),
+         ("udf", "udf label", "udf", "udf label"), ("iso9660", "ISO_LABEL", "iso9660", "ISO_LABEL"),
+         ("ntfs", "nt label", "ntfs", "nt label"), ("exfat", "exlabel", "exfat", "exlabel"),
+         ("hfs", "hlabel", "hfs", "hlabel"), ("hfs+", "Plus", "hfs+", "Plus"),
+         ("reiserfs", "rlabel", "reiserfs", "rlabel"), ("ext4", None, "ext4", "")]
+
+
+def drives(folder):
+    parts = [("64M", None, kind, label) for kind, label, _, _ in KINDS] + [("64M", None)]
+    return [Disk("virtio-scsi", images.disk(os.path.join(folder, "all"), "1100M", parts, "gpt"),
+                 id="all"),
+            Disk("optical-sata", id="sata-tray"), Disk("optical-scsi", id="scsi-tray"),
+            Disk("optical-usb", id="usb-tray")]
+
+
+def sniff(vm, path):
+    return vm.sh("/usr/bin/volsniffer %s --fs </dev/null 2>/dev/null" % path, check=False)
+
+
+def test_every_filesystem_by_the_daemons_word(fresh):
+    """The probe names each filesystem in the daemon's vocabulary, with its label on the first
+    line."""
+    for n, (kind, _, word, label) in enumerate(KINDS):
+        result = sniff(fresh, "/dev/" + fresh.parts("all")[n])
+        lines = result.out.splitlines()
+        assert (kind, result.rc, lines[0]) == (kind, 0, label)
+        values = [line.split(":", 1)[1].strip() for line in lines[1:]
+                  if line.split(":")[0].strip().lower() == "filesystem"]
+        assert (kind, values) == (kind, [word])
+
+
+def test_every_filesystem_in_the_list(fresh):
+    """What the probe says stands in the listing, label and filesystem."""
+    fresh.daemon()
+    rows = {f[2]: f for f in (line.split("\t") for line in fresh.request("list").splitlines())
+            if len(f) == 11}
+    parts = fresh.parts("all")
+    assert [(rows[p][5], rows[p][10]) for p in parts[:len(KINDS)]] == [
+        (label, word) for _, _, word, label in KINDS]
+    assert (rows[parts[-1]][5], rows[parts[-1]][10]) == ("", " ")          # nothing on it
+
+
+def test_one_write(fresh):
+    """The whole answer goes out in one write: the daemon reads once."""
+    part = fresh.parts("all")[0]
+    fresh.sh("strace -f -o /run/rig/trace -e trace=write,writev /usr/bin/volsniffer /dev/%s --fs "
+             ">/run/rig/answer" % part)
+    writes = [line for line in fresh.text("/run/rig/trace").splitlines() if "write" in line]
+    assert len(writes) == 1 and "(1, " in writes[0], writes
+
+
+@pytest.mark.parametrize("id", ["sata-tray", "scsi-tray", "usb-tray"])
+@pytest.mark.parametrize("open_tray", [False, True], ids=["closed", "open"])
+def test_empty_optical_drive_is_not_waited_for(fresh, id, open_tray):
+    """On an optical drive without a disc, its tray closed or open, the probe fails within a second
+    and says nothing."""
+    if open_tray:
+        fresh.open_tray(id, force=True)
+    began = time.monotonic()
+    result = sniff(fresh, "/dev/" + fresh.node(id))
+    assert time.monotonic() - began < 1
+    assert (result.rc != 0, result.out) == (True, "")
+    assert fresh.tray(id)["open"] == open_tray           # and it left the tray as it was
+    if open_tray:
+        fresh.close_tray(id)
+
+
+def test_listing_with_empty_trays(fresh):
+    """Listings of a machine with three empty optical drives do not wait for them either;
+    `enumerate` is the one that does probe them."""
+    fresh.daemon()
+    for request in ("list", "enumerate", "list human"):
+        began = time.monotonic()
+        assert fresh.request(request).endswith("OK  eom\n")
+        assert time.monotonic() - began < 5
+
+
+def test_nothing_there(fresh):
+    """A node that does not exist, and an empty partition, have no answer."""
+    for path in ("/dev/nonexistent", "/dev/" + fresh.parts("all")[-1]):
+        result = sniff(fresh, path)
+        assert (path, result.rc != 0, result.out) == (path, True, "")
