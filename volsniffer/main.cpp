@@ -20,17 +20,17 @@ int main(int argc, char **argv)
 {
     if (argc == 2 && strcmp(argv[1], "--help") == 0) {
         fputs(usage, stdout);
-        return probe_answered;
+        return PROBE_ANSWERED;
     }
     const bool with_facts = argc == 3 && strcmp(argv[2], "--fs") == 0;
     if ((argc != 2 && !with_facts) || argv[1][0] == '-') {
         fputs(usage, stderr);
-        return probe_misused;
+        return PROBE_MISUSED;
     }
     VolumeFacts facts;
     const ProbeStatus status = probe_volume(argv[1], facts);
-    if (status != probe_answered)
+    if (status != PROBE_ANSWERED)
         return status;
-    return write_answer(STDOUT_FILENO, answer_text(facts, !with_facts)) ? probe_answered
-                                                                        : probe_unreadable;
+    return write_answer(STDOUT_FILENO, answer_text(facts, !with_facts)) ? PROBE_ANSWERED
+                                                                        : PROBE_UNREADABLE;
 }

@@ -23,19 +23,19 @@ static ProbeStatus open_volume(const char *path, int &fd)
     fd = -1;
     if (stat(path, &st) < 0) {
         fprintf(stderr, "Cannot examine %s: %s\n", path, strerror(errno));
-        return probe_unreadable;
+        return PROBE_UNREADABLE;
     }
     if (!S_ISBLK(st.st_mode) && !S_ISREG(st.st_mode)) {
         fprintf(stderr, "Cannot examine %s: neither a block device nor an image file\n", path);
-        return probe_unreadable;
+        return PROBE_UNREADABLE;
     }
     fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (fd < 0) {
         const bool no_medium = errno == ENOMEDIUM;
         fprintf(stderr, "Cannot open %s: %s\n", path, strerror(errno));
-        return no_medium ? probe_no_medium : probe_unreadable;
+        return no_medium ? PROBE_NO_MEDIUM : PROBE_UNREADABLE;
     }
-    return probe_answered;
+    return PROBE_ANSWERED;
 }
 
 // Whether there is something to read. A drive that still spins its disc up counts as empty, too: a
@@ -69,7 +69,7 @@ static ProbeStatus identify(blkid_probe probe, int fd, const char *path, VolumeF
     if (blkid_probe_set_device(probe, fd, 0, 0) != 0) {
         const bool no_medium = errno == ENOMEDIUM;
         fprintf(stderr, "Cannot examine %s: %s\n", path, strerror(errno));
-        return no_medium ? probe_no_medium : probe_unreadable;
+        return no_medium ? PROBE_NO_MEDIUM : PROBE_UNREADABLE;
     }
     blkid_probe_enable_superblocks(probe, 1);
     blkid_probe_set_superblocks_flags(probe, BLKID_SUBLKS_LABEL | BLKID_SUBLKS_UUID |
@@ -80,26 +80,26 @@ static ProbeStatus identify(blkid_probe probe, int fd, const char *path, VolumeF
     case 0:
         break;
     case 1:
-        return probe_answered; // nothing that is known
+        return PROBE_ANSWERED; // nothing that is known
     case -2:
         fprintf(stderr, "Cannot identify %s: signatures of several filesystems\n", path);
-        return probe_ambiguous;
+        return PROBE_AMBIGUOUS;
     default:
         fprintf(stderr, "Cannot read %s: %s\n", path, strerror(errno));
-        return probe_unreadable;
+        return PROBE_UNREADABLE;
     }
     const std::string usage = value_of(probe, "USAGE");
     if (usage == "raid") { // md and firmware arrays, and LVM's physical volumes
         fprintf(stderr, "Cannot examine %s: RAID member (%s)\n", path,
                 value_of(probe, "TYPE").c_str());
-        return probe_raid_member;
+        return PROBE_RAID_MEMBER;
     }
     facts.label = value_of(probe, "LABEL");
     facts.filesystem = value_of(probe, "TYPE");
     facts.uuid = value_of(probe, "UUID");
     facts.version = value_of(probe, "VERSION");
     facts.usage = usage;
-    return probe_answered;
+    return PROBE_ANSWERED;
 }
 
 ProbeStatus probe_volume(const char *path, VolumeFacts &facts)
@@ -107,17 +107,17 @@ ProbeStatus probe_volume(const char *path, VolumeFacts &facts)
     facts = VolumeFacts();
     int fd = -1;
     ProbeStatus status = open_volume(path, fd);
-    if (status != probe_answered)
+    if (status != PROBE_ANSWERED)
         return status;
     if (!has_medium(fd)) {
         fprintf(stderr, "Cannot examine %s: %s\n", path, strerror(ENOMEDIUM));
         close(fd);
-        return probe_no_medium;
+        return PROBE_NO_MEDIUM;
     }
     blkid_probe probe = blkid_new_probe();
     if (probe == nullptr) {
         fprintf(stderr, "Cannot examine %s: %s\n", path, strerror(ENOMEM));
-        status = probe_unreadable;
+        status = PROBE_UNREADABLE;
     } else {
         status = identify(probe, fd, path, facts);
     }

@@ -10,12 +10,12 @@
 // logs the status, so each reason has its own. 1 is left out on purpose: it is what the daemon's
 // child reports when this program is not installed.
 enum ProbeStatus {
-    probe_answered = 0, // looked at, though perhaps nothing known was found
-    probe_misused = 2,
-    probe_unreadable = 3,
-    probe_no_medium = 4,
-    probe_ambiguous = 5,
-    probe_raid_member = 6,
+    PROBE_ANSWERED = 0, // looked at, though perhaps nothing known was found
+    PROBE_MISUSED = 2,
+    PROBE_UNREADABLE = 3,
+    PROBE_NO_MEDIUM = 4,
+    PROBE_AMBIGUOUS = 5,
+    PROBE_RAID_MEMBER = 6,
 };
 
 // Fills facts from the block device or image file at path. A blank, unformatted or partitioned
