@@ -29,7 +29,7 @@ def write(path, text):
     """Writes text to path, making the directories above it."""
     os.makedirs(os.path.dirname(path), exist_ok=True)
     with open(path, "wb") as file:
-        file.write(text if isinstance(text, bytes) else text.encode())
+        file.write(text if isinstance(text, bytes) else os.fsencode(text))
 
 
 def link(path, target):

@@ -14,6 +14,7 @@ file. A line that begins with # is for the reader.
 """
 
 import difflib
+import itertools
 import os
 import re
 import shlex
@@ -90,6 +91,14 @@ def show(reply):
     return "".join(c if c == "\n" or " " <= c <= "~" else ascii(c)[1:-1] for c in text)
 
 
+def in_any_order(text):
+    """Sorts runs of new devices: the kernel lists directories as it likes."""
+    lines = text.splitlines()
+    groups = itertools.groupby(lines, lambda line: line.endswith(" just appeared (polling)"))
+    ordered = [sorted(run) if new else list(run) for new, run in groups]
+    return "".join(line + "\n" for run in ordered for line in run)
+
+
 class Difference(AssertionError):
     """What was said and what should have been said, as a unified diff."""
 
@@ -150,6 +159,7 @@ class Case:
         return said
 
     def _compare(self, name, wanted, found):
+        wanted, found = in_any_order(wanted), in_any_order(found)
         if wanted.rstrip("\n") == found.rstrip("\n"):
             return
         difference = difflib.unified_diff(
