@@ -39,6 +39,7 @@ const char *Directory::NextName()
     // The kernel aligns its records for this structure.
     const dirent64 *entry = reinterpret_cast<const dirent64 *>(buffer_.get() + position_);
     position_ += entry->d_reclen;
+    type_ = entry->d_type;
     return entry->d_name;
 }
 

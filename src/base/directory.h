@@ -31,6 +31,13 @@ public:
     // The text lives until the next call.
     const char *NextName();
 
+    // What the directory says of the name that NextName() gave last: DT_DIR, DT_LNK, ... or
+    // DT_UNKNOWN on filesystems that do not say.
+    unsigned char Type() const
+    {
+        return type_;
+    }
+
     // Whether the last NextName() returned null because of an error and not at the end.
     bool HasFailed() const
     {
@@ -45,6 +52,7 @@ private:
     std::unique_ptr<char[]> buffer_;
     size_t filled_ = 0;
     size_t position_ = 0;
+    unsigned char type_ = 0;
     bool failed_ = false;
 };
 

@@ -1,9 +1,11 @@
 // Small files and links, read in one go.
 #include "base/small_files.h"
 
+#include <cassert>
+#include <climits>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/descriptor.h"
@@ -36,11 +38,16 @@ std::string read_sysfs_link(const std::string &path)
 
 std::string read_link_at(int at_fd, const char *path, size_t limit)
 {
-    char target[1024];
-    if (limit > sizeof(target))
-        limit = sizeof(target);
+    char target[PATH_MAX];
+    assert(limit <= sizeof(target));
     ssize_t got = readlinkat(at_fd, path, target, limit);
     return got > 0 ? std::string(target, static_cast<size_t>(got)) : std::string();
+}
+
+bool is_executable_file(const char *path)
+{
+    struct stat status;
+    return stat(path, &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & 0111) != 0;
 }
 
 unsigned long long sectors_to_bytes(const std::string &text)

@@ -16,8 +16,12 @@ std::string read_sysfs_text_at(int at_fd, const char *path);
 // The target of a symbolic link, at most 1023 bytes; empty when it cannot be read.
 std::string read_sysfs_link(const std::string &path);
 
-// The target of a symbolic link relative to at_fd, at most limit bytes; empty when unreadable.
+// The target of a symbolic link relative to at_fd, at most limit bytes (no more than PATH_MAX);
+// empty when it cannot be read, with errno.
 std::string read_link_at(int at_fd, const char *path, size_t limit);
+
+// Whether path is a regular file with at least one execute bit.
+bool is_executable_file(const char *path);
 
 // Bytes in a sysfs "size" attribute, which counts sectors of 512 bytes. Text that is no number
 // gives 0; "0x" means hexadecimal and a leading "0" octal.

@@ -30,7 +30,7 @@ void detect_boot_drive()
     }
     boot_partition = device.substr(5);
     // Three characters, whatever the bus: "sda" for sda1, and "nvm" for nvme0n1p2, which names no
-    // drive and so protects only the partition. Every use of the name expects this cut.
+    // drive and so protects only the partition.
     boot_drive = boot_partition.substr(0, 3);
     fprintf(stderr, "boot drive:     %s\n", boot_drive.c_str());
     fprintf(stderr, "boot partition: %s\n", boot_partition.c_str());

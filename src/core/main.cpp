@@ -15,9 +15,8 @@
 #include "core/options.h"
 #include "core/single_instance.h"
 #include "core/site_scripts.h"
-#include "inspect/proc_partitions.h"
+#include "mount/kernel_tables.h"
 #include "mount/mnt_housekeeping.h"
-#include "mount/mount_tables.h"
 #include "mount/unmount_all.h"
 #include "protocol/control_socket.h"
 #include "registry/connection_types.h"
@@ -60,14 +59,6 @@ static void make_directories()
     mkdir("/var/quarryd", 0755);
     mkdir("/var/quarryd/mount-notify", 0700);
     mkdir("/var/quarryd/device-notify", 0700);
-}
-
-static void read_kernel_tables()
-{
-    ReadFstab();
-    ReadProcMounts();
-    ReadProcFilesystems();
-    ReadProcPartitions();
 }
 
 // Everything up to the main loop. 0 to go on, otherwise the daemon ends with status 1.

@@ -3,15 +3,9 @@
 
 #include <cstdio>
 #include <cstring>
-#include <sys/stat.h>
 
 #include "base/daemon_state.h"
-
-static bool is_executable_file(const char *path)
-{
-    struct stat status;
-    return stat(path, &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & 0111) != 0;
-}
+#include "base/small_files.h"
 
 int hotplug_present()
 {
@@ -67,7 +61,7 @@ int parse_options(int argc, const char *const *argv)
 }
 
 // parse_options() has accepted every argument that gets here, so each valid switch is announced as
-// unknown. Start scripts and logs know these lines; they mean no harm.
+// unknown. The noise is meant and does no harm.
 int comment_on_options(int argc, const char *const *argv)
 {
     for (int i = 1; i < argc; i++) {

@@ -4,33 +4,27 @@
 #include <cassert>
 #include <csignal>
 #include <string>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "base/child_process.h"
 #include "base/daemon_state.h"
+#include "base/small_files.h"
 
 // The alarm outlives exec: a script that doesn't catch SIGALRM is ended by it.
 static const unsigned startup_seconds = 30;
 static const unsigned shutdown_seconds = 5;
 
-static bool is_runnable(const std::string &path)
-{
-    struct stat status;
-    return !path.empty() && stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-           (status.st_mode & 0111) != 0;
-}
-
-// Forks; the child becomes the script. Returns what fork() returned.
+// The child becomes the script. Returns what fork() returned.
 static pid_t start_script(const std::string &path, const char *argument, unsigned seconds)
 {
     const char *arguments[4];
     size_t count = 0;
-    arguments[count++] = path.c_str();
-    arguments[count++] = argument;
-    arguments[count++] = nullptr;
-    assert(count <= sizeof(arguments) / sizeof(arguments[0]));
-    const pid_t child = fork();
+    for (const char *word : {path.c_str(), argument, static_cast<const char *>(nullptr)}) {
+        assert(count < sizeof(arguments) / sizeof(arguments[0]));
+        arguments[count++] = word;
+    }
+    const pid_t child = fork_child();
     if (child == 0) {
         alarm(seconds);
         execv(path.c_str(), const_cast<char *const *>(arguments));
@@ -45,13 +39,13 @@ void run_startup()
         kill(startup_child_pid, SIGKILL);
         startup_child_pid = -1;
     }
-    if (is_runnable(settings.startup_script))
+    if (is_executable_file(settings.startup_script.c_str()))
         startup_child_pid = start_script(settings.startup_script, "-startup", startup_seconds);
 }
 
 void run_shutdown()
 {
-    if (!is_runnable(settings.shutdown_script))
+    if (!is_executable_file(settings.shutdown_script.c_str()))
         return;
     const pid_t child = start_script(settings.shutdown_script, "-shutdown", shutdown_seconds);
     if (child < 0)

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "base/child_process.h"
 #include "base/small_files.h"
 #include "base/words.h"
 #include "inspect/raid_members.h"
@@ -94,14 +95,14 @@ int probe_label(std::string name, std::string &label, std::string *filesystem)
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) < 0)
         return 0;
-    // The pipe stays open here on purpose: no caller has an empty name to ask about, and one that
-    // had would show as a descriptor that was never given back.
+    // The pipe stays open here, on purpose: an empty name is a caller's bug, and it shows as
+    // descriptors that pile up.
     if (name.empty())
         return 0;
     const std::string path = name[0] == '/' ? name : "/dev/" + name;
     set_unknown(filesystem);
 
-    pid_t child = fork();
+    const pid_t child = fork_child();
     if (child < 0) {
         close(ends[0]);
         close(ends[1]);

@@ -10,8 +10,8 @@
 
 static const uint64_t sector_size = 512;
 
-// The kernel numbers at most 255 partitions on a drive. A map that claims more entries than this
-// is garbled or hostile, and following it further would only hold the daemon up.
+// The kernel numbers at most 255 partitions on a drive. A map that claims many times that is
+// garbled or hostile, and following it further would only hold the daemon up.
 static const uint64_t apple_entries_limit = 4096;
 
 PartitionTable::PartitionTable(const std::string &path) : path_(path)
@@ -91,8 +91,7 @@ bool PartitionTable::ReadAppleMap()
     if (count < 1)
         return false;
     entries.clear();
-    // One entry short of the map's last, on purpose: the numbers up to there are those that
-    // people's listings have always shown.
+    // One entry short of the map's last, on purpose: clients know the entries by these numbers.
     const uint64_t sectors = CountSectors();
     uint64_t examined = std::min(count - 1, apple_entries_limit);
     examined = std::min(examined, sectors > start ? sectors - start : 0);

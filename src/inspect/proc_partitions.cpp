@@ -16,14 +16,14 @@ std::vector<ProcPartition> proc_partitions;
 // One read of at most this many bytes: the table is looked at by people, never by a decision, so a
 // machine with more partitions than fit loses nothing.
 static const size_t table_limit = 16383;
+static char table_text[table_limit + 1];
 
-// The decimal digits (with a sign) at the front of rest, and the blanks behind them, are taken off.
-static std::string take_number(std::string_view &rest)
+// Takes the number at the front of text, and the blanks behind it. 0 when there is none.
+static int take_int(const char *&text)
 {
-    size_t length = rest.find(' ');
-    std::string number(rest.substr(0, length));
-    rest.remove_prefix(number.size());
-    skip_run(rest, ' ');
+    char *end;
+    const int number = static_cast<int>(strtol(text, &end, 10));
+    text = end + strspn(end, " ");
     return number;
 }
 
@@ -32,30 +32,31 @@ static void parse_line(std::string_view line)
     if (line.starts_with('#'))
         return;
     skip_run(line, ' ');
-    if (line.empty())
-        return;
+    const std::string row_text(line);
+    const char *rest = row_text.c_str();
     ProcPartition row;
-    row.major = atoi(take_number(line).c_str());
+    row.major = take_int(rest);
     if (row.major == 0) // the header line, which begins with a word, and whatever is no row
         return;
-    row.minor = atoi(take_number(line).c_str());
-    row.blocks = strtoull(take_number(line).c_str(), nullptr, 0);
-    row.name = std::string(line.substr(0, line.find(' ')));
+    row.minor = take_int(rest);
+    char *end;
+    row.blocks = strtoull(rest, &end, 0);
+    rest = end + strspn(end, " ");
+    row.name = std::string(rest, strcspn(rest, " "));
     proc_partitions.push_back(row);
 }
 
 void ReadProcPartitions()
 {
-    static char text[table_limit + 1];
     Descriptor file(open("/proc/partitions", O_RDONLY | O_CLOEXEC));
     if (!file.IsOpen()) {
         fprintf(stderr, "Cannot open /proc/partitions\n");
         return;
     }
-    ssize_t got = read(file.Get(), text, table_limit);
-    text[got < 0 ? 0 : got] = '\0';
+    ssize_t got = read(file.Get(), table_text, table_limit);
+    table_text[got < 0 ? 0 : got] = '\0';
     proc_partitions.clear();
-    LineReader lines(std::string_view(text, strlen(text)));
+    LineReader lines(std::string_view(table_text, strlen(table_text)));
     for (std::string_view line; lines.Next(line);)
         parse_line(line);
 }

@@ -20,6 +20,12 @@ static const size_t filesystem_line_limit = 127;
 // Where the tables are read into: once a second for the life of the daemon, so the room is kept.
 static std::string table_text;
 
+// Fills table_text. A table whose reading broke off is as good as none.
+static int read_table(const char *path)
+{
+    return read_whole_file(path, table_text);
+}
+
 bool parse_mount_line(std::string_view line, MountEntry &entry)
 {
     const bool is_cut = line.size() > mount_line_limit;
@@ -38,7 +44,7 @@ bool parse_mount_line(std::string_view line, MountEntry &entry)
 void ReadProcMounts()
 {
     mount_list.clear();
-    if (!read_whole_file("/proc/mounts", table_text) && table_text.empty()) {
+    if (!read_table("/proc/mounts")) {
         fprintf(stderr, "Cannot access /proc/mounts\n");
         return;
     }
@@ -62,6 +68,30 @@ MountEntry *FindMount(const std::string &category, const std::string &value)
             return &entry;
     }
     return nullptr;
+}
+
+std::string as_in_mount_table(const std::string &path)
+{
+    std::string text;
+    for (char c : path) {
+        switch (c) {
+        case ' ':
+            text += "\\040";
+            break;
+        case '\t':
+            text += "\\011";
+            break;
+        case '\n':
+            text += "\\012";
+            break;
+        case '\\':
+            text += "\\134";
+            break;
+        default:
+            text += c;
+        }
+    }
+    return text;
 }
 
 bool parse_fstab_line(std::string_view line, FstabEntry &entry)
@@ -91,7 +121,7 @@ void ReadFstab()
     }
     fstab_mtime = status.st_mtime; // compared with nothing: the kernel's table has no useful time
     fstab_list.clear();
-    if (!read_whole_file("/proc/mounts", table_text) && table_text.empty()) {
+    if (!read_table("/proc/mounts")) {
         fprintf(stderr, "Cannot access /etc/fstab\n");
         return;
     }
@@ -117,7 +147,7 @@ FstabEntry *FindFstab(const std::string &category, const std::string &value)
 
 void ReadProcFilesystems()
 {
-    if (!read_whole_file("/proc/filesystems", table_text) && table_text.empty()) {
+    if (!read_table("/proc/filesystems")) {
         fprintf(stderr, "Cannot read /proc/filesystems\n");
         return;
     }

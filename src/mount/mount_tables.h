@@ -44,6 +44,9 @@ void ReadProcMounts();
 // category is one line on stderr and null.
 MountEntry *FindMount(const std::string &category, const std::string &value);
 
+// A path as the kernel writes it into its table, with its four octal escapes.
+std::string as_in_mount_table(const std::string &path);
+
 // Reads the second table, which also comes from /proc/mounts though its messages name /etc/fstab.
 void ReadFstab();
 

@@ -16,6 +16,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "base/child_process.h"
 #include "base/descriptor.h"
 #include "base/directory.h"
 #include "base/small_files.h"
@@ -141,7 +142,7 @@ void evict_mount_users(const std::string &device, const std::string &mountpoint,
         return;
     }
     const pid_t daemon = getpid();
-    const pid_t child = fork();
+    const pid_t child = fork_child();
     if (child < 0) {
         fprintf(stderr, "Cannot fork! %s\n", strerror(errno));
         return;

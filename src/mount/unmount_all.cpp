@@ -1,20 +1,13 @@
 // Unmounting everything at exit.
 #include "mount/unmount_all.h"
 
-#include <string>
-#include <vector>
-
-#include "inspect/proc_partitions.h"
-#include "mount/mount_tables.h"
+#include "mount/kernel_tables.h"
 #include "mount/unmounting.h"
 #include "registry/device_list.h"
 
 void unmount_all()
 {
-    ReadFstab();
-    ReadProcMounts();
-    ReadProcFilesystems();
-    ReadProcPartitions();
+    read_kernel_tables();
     UpdateBlockDeviceList();
     for (const auto &[name, drive] : blockdev_list) {
         if (drive->partitions.empty())

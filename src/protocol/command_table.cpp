@@ -5,9 +5,8 @@
 #include <string>
 
 #include "base/daemon_state.h"
-#include "inspect/proc_partitions.h"
 #include "inspect/raid_members.h"
-#include "mount/mount_tables.h"
+#include "mount/kernel_tables.h"
 #include "protocol/drive_listings.h"
 #include "protocol/socket_connection.h"
 #include "registry/device_list.h"
@@ -60,10 +59,7 @@ static void command_refresh(SocketConnection &connection)
         forget_raid(name);
         check_raid_participation(name);
     }
-    ReadFstab();
-    ReadProcMounts();
-    ReadProcFilesystems();
-    ReadProcPartitions();
+    read_kernel_tables();
     UpdateBlockDeviceList();
     scan_raid_slaves();
     connection.output = "OK refreshed";

@@ -124,8 +124,7 @@ bool serve_control_socket()
         if (connection->HasClosed()) {
             connections.erase(connections.begin() + i);
             delete connection;
-            // The connection just below has its turn in the next pass: a pass does at most one
-            // thing for each place in the list.
+            // Meant: the connection just below a removed one has its turn in the next pass.
             i--;
         } else if (connection->Step()) {
             was_busy = true;

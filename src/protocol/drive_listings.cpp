@@ -20,6 +20,9 @@ static const ConnectionRow enumerate_groups[] = {
     CONNECTION_SATA, CONNECTION_RAID, CONNECTION_FIREWIRE,
 };
 
+static const std::string unassigned = "Unassigned";
+static const std::string partition_type = "Partition";
+
 // Column widths of "list human".
 enum ColumnWidth {
     WIDTH_DEVICE = 10,
@@ -70,34 +73,18 @@ static void append_plain_row(std::string &reply, const ListingRow &row)
                    raid_text(device.device), device.filesystem});
 }
 
-// As lpadded(), at the end of a reply that may be long.
-static void append_column(std::string &reply, std::string_view text, ColumnWidth width)
-{
-    const size_t end = reply.size() + static_cast<size_t>(width);
-    reply += text.substr(0, static_cast<size_t>(width));
-    reply.resize(end, ' ');
-}
-
 static void append_human_row(std::string &reply, const ListingRow &row)
 {
     const BlockDevice &device = row.device;
     reply += "OK- ";
-    append_column(reply, device.device, WIDTH_DEVICE);
-    reply += ' ';
-    append_column(reply, row.type, WIDTH_TYPE);
-    reply += ' ';
-    append_column(reply, row.connection, WIDTH_CONNECTION);
-    reply += ' ';
-    append_column(reply, device.label, WIDTH_LABEL);
-    reply += ' ';
-    append_column(reply, capacity_text(row.bytes), WIDTH_CAPACITY);
-    reply += ' ';
-    append_column(reply, device.model, WIDTH_MODEL);
-    reply += ' ';
-    append_column(reply, device.place, WIDTH_PLACE);
-    reply += ' ';
-    append_column(reply, device.filesystem, WIDTH_FILESYSTEM);
-    reply += '\n';
+    reply += lpadded(device.device, WIDTH_DEVICE) + ' ';
+    reply += lpadded(row.type, WIDTH_TYPE) + ' ';
+    reply += lpadded(row.connection, WIDTH_CONNECTION) + ' ';
+    reply += lpadded(device.label, WIDTH_LABEL) + ' ';
+    reply += lpadded(capacity_text(row.bytes), WIDTH_CAPACITY) + ' ';
+    reply += lpadded(device.model, WIDTH_MODEL) + ' ';
+    reply += lpadded(device.place, WIDTH_PLACE) + ' ';
+    reply += lpadded(device.filesystem, WIDTH_FILESYSTEM) + '\n';
 }
 
 static bool is_empty_optical_drive(const BlockDevice &drive, const std::string &path)
@@ -121,8 +108,6 @@ static void learn_drive(BlockDevice &drive, OpenFileSnapshot &open_files)
 
 void list_drives(std::string &reply, int human)
 {
-    static const std::string unassigned = "Unassigned";
-    static const std::string partition_type = "Partition";
     const auto append_row = human ? append_human_row : append_plain_row;
     OpenFileSnapshot open_files("/dev/");
 

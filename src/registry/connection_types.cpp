@@ -15,12 +15,3 @@ void init_connection_types()
     connection_types[CONNECTION_NVME] = {"NVME", "Non-Volatile Memory flash devices"};
     connection_types[CONNECTION_FIREWIRE] = {"1394/Firewire", "Firewire SBP devices"};
 }
-
-const ConnectionType *find_connection_type(const std::string &name)
-{
-    for (const ConnectionType &row : connection_types) {
-        if (row.name == name)
-            return &row;
-    }
-    return nullptr;
-}

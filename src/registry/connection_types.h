@@ -28,7 +28,4 @@ extern ConnectionType connection_types[CONNECTION_ROWS];
 
 void init_connection_types();
 
-// The row of that name, or null.
-const ConnectionType *find_connection_type(const std::string &name);
-
 #endif

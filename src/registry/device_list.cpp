@@ -110,6 +110,7 @@ void UpdateBlockDeviceList()
         drive->poll_mark = 1;
     for (auto &[name, partition] : partdev_list)
         partition->poll_mark = 1;
+    bool is_complete = true;
     while (const char *drive_name = all_drives.NextName()) {
         if (!is_followed(drive_name))
             continue;
@@ -120,9 +121,10 @@ void UpdateBlockDeviceList()
             if (strncmp(name, drive_name, strlen(drive_name)) == 0)
                 meet_partition(name, drive, drive_directory.Fd());
         }
+        is_complete = is_complete && !drive_directory.HasFailed();
     }
-    // A list that broke off proves nothing about the drives that it did not name.
-    if (!all_drives.HasFailed())
+    // A list that broke off proves nothing about the devices that it did not name.
+    if (is_complete && !all_drives.HasFailed())
         remove_vanished();
 }
 

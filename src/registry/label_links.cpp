@@ -4,10 +4,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <unistd.h>
 
-#include "base/small_files.h"
 #include "base/words.h"
 #include "inspect/label_probe.h"
 #include "registry/block_device.h"
