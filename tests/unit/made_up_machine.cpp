@@ -1,0 +1,876 @@
+// The made-up kernel: every call of the daemon's into the C library that reaches the kernel.
+#include "made_up_machine.h"
+
+#include <array>
+#include <atomic>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string_view>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "base/daemon_state.h"
+#include "inspect/device_name_set.h"
+#include "inspect/proc_partitions.h"
+#include "inspect/raid_members.h"
+#include "mount/mount_tables.h"
+#include "protocol/control_socket.h"
+#include "registry/block_device.h"
+#include "registry/connection_types.h"
+
+namespace fs = std::filesystem;
+
+// The linker's option --wrap gives these names: a call of open() becomes one of __wrap_open(), and
+// __real_open() is the C library's.
+extern "C" {
+int __real_accept4(int, sockaddr *, socklen_t *, int);
+int __real_bind(int, const sockaddr *, socklen_t);
+int __real_chdir(const char *);
+int __real_close(int);
+int __real_execv(const char *, char *const *);
+int __real_fcntl(int, int, ...);
+pid_t __real_fork();
+ssize_t __real_getdents64(int, void *, size_t);
+int __real_getsockopt(int, int, int, void *, socklen_t *);
+int __real_ioctl(int, unsigned long, ...);
+int __real_kill(pid_t, int);
+int __real_listen(int, int);
+off_t __real_lseek(int, off_t, int);
+int __real_mkdir(const char *, mode_t);
+int __real_open(const char *, int, ...);
+int __real_openat(int, const char *, int, ...);
+int __real_pipe2(int *, int);
+ssize_t __real_read(int, void *, size_t);
+ssize_t __real_readlink(const char *, char *, size_t);
+ssize_t __real_readlinkat(int, const char *, char *, size_t);
+ssize_t __real_recv(int, void *, size_t, int);
+int __real_rmdir(const char *);
+ssize_t __real_send(int, const void *, size_t, int);
+int __real_socket(int, int, int);
+int __real_stat(const char *, struct stat *);
+int __real_statx(int, const char *, int, unsigned, struct statx *);
+int __real_symlink(const char *, const char *);
+time_t __real_time(time_t *);
+int __real_unlink(const char *);
+int __real_unlinkat(int, const char *, int);
+pid_t __real_waitpid(pid_t, int *, int);
+std::_Rb_tree_node_base *
+__real__ZSt18_Rb_tree_incrementPSt18_Rb_tree_node_base(std::_Rb_tree_node_base *);
+const std::_Rb_tree_node_base *
+__real__ZSt18_Rb_tree_incrementPKSt18_Rb_tree_node_base(const std::_Rb_tree_node_base *);
+
+// Where the sanitizers write; absent in a build without them.
+void __sanitizer_set_report_fd(void *fd) __attribute__((weak));
+}
+
+// What a MadeUpMachine keeps out of its header.
+struct Kernel {
+    std::array<int, static_cast<size_t>(Call::COUNT)> calls = {};
+    std::array<std::deque<Answer>, static_cast<size_t>(Call::COUNT)> scripts;
+    std::map<std::string, int> refused;
+    std::map<std::string, std::vector<int>> opened; // with these flags
+    int tree_steps = 0;
+};
+
+// Deeds of the process and its children: one text, a line each.
+struct DeedLog {
+    std::atomic<size_t> length;
+    char text[1 << 20];
+};
+
+static MadeUpMachine *machine;
+static Kernel kernel;
+static DeedLog *deed_log; // shared with children
+static std::set<pid_t> children;
+
+// The C library's calls for a test's own use: they are not counted.
+
+static ssize_t really_read_link(int directory_fd, const char *path, std::string &target)
+{
+    char text[4096];
+    const ssize_t length = __real_readlinkat(directory_fd, path, text, sizeof(text));
+    target.assign(text, length > 0 ? static_cast<size_t>(length) : 0);
+    return length;
+}
+
+static void note_deed(const std::string &deed)
+{
+    if (!deed_log)
+        return;
+    const size_t start = deed_log->length.fetch_add(deed.size() + 1);
+    if (start + deed.size() + 1 > sizeof(deed_log->text)) {
+        fputs("too many deeds for the made-up machine\n", stderr);
+        abort();
+    }
+    memcpy(deed_log->text + start, deed.data(), deed.size());
+    deed_log->text[start + deed.size()] = '\n';
+    if (machine && machine->on_deed)
+        machine->on_deed(deed);
+}
+
+// Counts a call. True when it does not reach the kernel: result and errno are set then.
+template <typename Result>
+static bool is_answered(Call call, Result &result)
+{
+    if (!machine)
+        return false;
+    kernel.calls[static_cast<size_t>(call)]++;
+    std::deque<Answer> &script = kernel.scripts[static_cast<size_t>(call)];
+    if (script.empty())
+        return false;
+    const Answer answer = script.front();
+    script.pop_front();
+    if (answer.is_real)
+        return false;
+    result = static_cast<Result>(answer.result);
+    errno = answer.error;
+    return true;
+}
+
+// Where a path leads: absolute ones into the machine's folder.
+static std::string led(const char *path)
+{
+    return machine && path[0] == '/' ? machine->RealPath(path) : path;
+}
+
+// The same for calls that follow links, whose targets are paths of the machine too.
+static std::string led_through_links(int directory_fd, const char *path)
+{
+    std::string place = led(path);
+    std::string target;
+    for (int hops = 0; machine && hops < 40; hops++) {
+        if (really_read_link(directory_fd, place.c_str(), target) < 0 || target[0] != '/')
+            break;
+        if (target == "/dev/null")
+            return target;
+        place = led(target.c_str());
+    }
+    return place;
+}
+
+// A path as the machine knows it, also of one that is relative to an open directory.
+static std::string machine_path(int directory_fd, const char *path)
+{
+    if (path[0] == '/')
+        return path;
+    std::string directory;
+    if (directory_fd == AT_FDCWD)
+        directory = fs::current_path();
+    else
+        really_read_link(AT_FDCWD, ("/proc/self/fd/" + std::to_string(directory_fd)).c_str(),
+                         directory);
+    const std::string root = machine->RealPath("");
+    return (directory.starts_with(root) ? directory.substr(root.size()) : directory) + "/" + path;
+}
+
+static bool is_refused(int directory_fd, const char *path)
+{
+    if (!machine || kernel.refused.empty())
+        return false;
+    auto refusal = kernel.refused.find(machine_path(directory_fd, path));
+    if (refusal == kernel.refused.end())
+        return false;
+    errno = refusal->second;
+    return true;
+}
+
+static int checked_at_exec(int fd, const char *what)
+{
+    if (machine && fd >= 0 && !(__real_fcntl(fd, F_GETFD) & FD_CLOEXEC))
+        note_deed(std::string("left open at exec: ") + what);
+    return fd;
+}
+
+static int open_anywhere(int directory_fd, const char *path, int flags, mode_t mode)
+{
+    int fd = -1;
+    if (is_answered(Call::OPEN, fd) || is_refused(directory_fd, path))
+        return fd;
+    if (machine && path[0] == '/')
+        kernel.opened[path].push_back(flags);
+    const std::string place = led_through_links(directory_fd, path);
+    return checked_at_exec(__real_openat(directory_fd, place.c_str(), flags, mode), path);
+}
+
+extern "C" {
+
+int __wrap_open(const char *path, int flags, ...)
+{
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    return open_anywhere(AT_FDCWD, path, flags, mode);
+}
+
+int __wrap_openat(int directory_fd, const char *path, int flags, ...)
+{
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    return open_anywhere(directory_fd, path, flags, mode);
+}
+
+int __wrap_close(int fd)
+{
+    int result;
+    return is_answered(Call::CLOSE, result) ? result : __real_close(fd);
+}
+
+ssize_t __wrap_read(int fd, void *buffer, size_t size)
+{
+    ssize_t result;
+    return is_answered(Call::READ, result) ? result : __real_read(fd, buffer, size);
+}
+
+off_t __wrap_lseek(int fd, off_t offset, int whence)
+{
+    off_t result;
+    return is_answered(Call::LSEEK, result) ? result : __real_lseek(fd, offset, whence);
+}
+
+ssize_t __wrap_getdents64(int fd, void *buffer, size_t size)
+{
+    ssize_t result;
+    return is_answered(Call::GETDENTS, result) ? result : __real_getdents64(fd, buffer, size);
+}
+
+ssize_t __wrap_readlinkat(int directory_fd, const char *path, char *buffer, size_t size)
+{
+    ssize_t result;
+    if (is_answered(Call::READLINK, result))
+        return result;
+    return __real_readlinkat(directory_fd, led(path).c_str(), buffer, size);
+}
+
+ssize_t __wrap_readlink(const char *path, char *buffer, size_t size)
+{
+    return __wrap_readlinkat(AT_FDCWD, path, buffer, size);
+}
+
+int __wrap_stat(const char *path, struct stat *status)
+{
+    int result = -1;
+    if (is_answered(Call::STAT, result) || is_refused(AT_FDCWD, path))
+        return result;
+    return __real_stat(led_through_links(AT_FDCWD, path).c_str(), status);
+}
+
+int __wrap_statx(int directory_fd, const char *path, int flags, unsigned mask, struct statx *status)
+{
+    int result = -1;
+    if (is_answered(Call::STAT, result) || is_refused(directory_fd, path))
+        return result;
+    const bool stays = flags & AT_SYMLINK_NOFOLLOW;
+    const std::string place = stays ? led(path) : led_through_links(directory_fd, path);
+    return __real_statx(directory_fd, place.c_str(), flags, mask, status);
+}
+
+int __wrap_symlink(const char *target, const char *path)
+{
+    int result;
+    return is_answered(Call::SYMLINK, result) ? result : __real_symlink(target, led(path).c_str());
+}
+
+int __wrap_unlink(const char *path)
+{
+    int result;
+    return is_answered(Call::UNLINK, result) ? result : __real_unlink(led(path).c_str());
+}
+
+int __wrap_unlinkat(int directory_fd, const char *path, int flags)
+{
+    int result;
+    if (is_answered(flags & AT_REMOVEDIR ? Call::RMDIR : Call::UNLINK, result))
+        return result;
+    return __real_unlinkat(directory_fd, led(path).c_str(), flags);
+}
+
+int __wrap_rmdir(const char *path)
+{
+    int result;
+    return is_answered(Call::RMDIR, result) ? result : __real_rmdir(led(path).c_str());
+}
+
+int __wrap_mkdir(const char *path, mode_t mode)
+{
+    return __real_mkdir(led(path).c_str(), mode);
+}
+
+int __wrap_chdir(const char *path)
+{
+    int result;
+    return is_answered(Call::CHDIR, result) ? result : __real_chdir(led(path).c_str());
+}
+
+int __wrap_pipe2(int *ends, int flags)
+{
+    int result;
+    if (is_answered(Call::PIPE, result))
+        return result;
+    result = __real_pipe2(ends, flags);
+    if (result == 0) {
+        checked_at_exec(ends[0], "pipe");
+        checked_at_exec(ends[1], "pipe");
+    }
+    return result;
+}
+
+int __wrap_fcntl(int fd, int command, ...)
+{
+    va_list rest;
+    va_start(rest, command);
+    const long argument = va_arg(rest, long);
+    va_end(rest);
+    int result;
+    return is_answered(Call::FCNTL, result) ? result : __real_fcntl(fd, command, argument);
+}
+
+int __wrap_ioctl(int fd, unsigned long request, ...)
+{
+    va_list rest;
+    va_start(rest, request);
+    void *argument = va_arg(rest, void *);
+    va_end(rest);
+    int result;
+    if (is_answered(Call::IOCTL, result))
+        return result;
+    if (machine && machine->on_ioctl)
+        return machine->on_ioctl(request, argument);
+    return __real_ioctl(fd, request, argument);
+}
+
+pid_t __wrap_fork()
+{
+    pid_t child;
+    if (is_answered(Call::FORK, child))
+        return child;
+    child = __real_fork();
+    if (child > 0)
+        children.insert(child);
+    return child;
+}
+
+pid_t __wrap_waitpid(pid_t child, int *status, int options)
+{
+    pid_t result;
+    if (is_answered(Call::WAITPID, result))
+        return result;
+    result = __real_waitpid(child, status, options);
+    if (result > 0)
+        children.erase(result);
+    return result;
+}
+
+// A child that the test program forked itself is a real one; every other process is made up.
+int __wrap_kill(pid_t pid, int number)
+{
+    const bool is_child = children.contains(pid);
+    if (number != 0)
+        note_deed("kill " + (is_child ? "child" : std::to_string(pid)) + " " +
+                  std::to_string(number));
+    if (is_child)
+        return __real_kill(pid, number);
+    if (machine && machine->Exists("/proc/" + std::to_string(pid)))
+        return 0;
+    errno = ESRCH;
+    return -1;
+}
+
+int __wrap_execv(const char *path, char *const *arguments)
+{
+    std::string deed = std::string("execv ") + path;
+    for (char *const *argument = arguments; *argument; argument++)
+        deed += std::string(" ") + *argument;
+    note_deed(deed);
+    if (machine && machine->on_exec) {
+        machine->on_exec(arguments);
+        _exit(0);
+    }
+    return __real_execv(led(path).c_str(), arguments);
+}
+
+unsigned __wrap_alarm(unsigned seconds)
+{
+    note_deed("alarm " + std::to_string(seconds));
+    return 0;
+}
+
+unsigned __wrap_sleep(unsigned seconds)
+{
+    note_deed("sleep " + std::to_string(seconds));
+    return 0;
+}
+
+int __wrap_usleep(useconds_t microseconds)
+{
+    note_deed("usleep " + std::to_string(microseconds));
+    return 0;
+}
+
+time_t __wrap_time(time_t *result)
+{
+    if (!machine || machine->now == 0)
+        return __real_time(result);
+    if (result)
+        *result = machine->now;
+    return machine->now;
+}
+
+int __wrap_umount(const char *mountpoint)
+{
+    int result = 0;
+    note_deed(std::string("umount ") + mountpoint);
+    is_answered(Call::UMOUNT, result);
+    return result;
+}
+
+int __wrap_swapoff(const char *path)
+{
+    int result = 0;
+    note_deed(std::string("swapoff ") + path);
+    is_answered(Call::SWAPOFF, result);
+    return result;
+}
+
+void __wrap_syslog(int priority, const char *format, ...)
+{
+    char text[2048];
+    va_list rest;
+    va_start(rest, format);
+    vsnprintf(text, sizeof(text), format, rest);
+    va_end(rest);
+    note_deed("log " + std::to_string(priority) + " " + text);
+}
+
+int __wrap_socket(int family, int type, int protocol)
+{
+    int fd;
+    if (is_answered(Call::SOCKET, fd))
+        return fd;
+    return checked_at_exec(__real_socket(family, type, protocol), "socket");
+}
+
+// The name that clients of the made-up machine find: a real daemon may have the real one.
+static sockaddr_un stand_in_address(socklen_t &length)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    const int count = snprintf(address.sun_path + 1, sizeof(address.sun_path) - 1,
+                               "quarryd-unit-tests-%d", getpid());
+    length =
+        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + static_cast<size_t>(count));
+    return address;
+}
+
+int __wrap_bind(int fd, const sockaddr *address, socklen_t length)
+{
+    const sockaddr_un *asked = reinterpret_cast<const sockaddr_un *>(address);
+    std::string name(asked->sun_path, length - offsetof(sockaddr_un, sun_path));
+    for (char &c : name)
+        c = c == '\0' ? '@' : c;
+    note_deed("bind " + std::to_string(asked->sun_family) + " " + name);
+    int result;
+    if (is_answered(Call::BIND, result))
+        return result;
+    const sockaddr_un stand_in = stand_in_address(length);
+    return __real_bind(fd, reinterpret_cast<const sockaddr *>(&stand_in), length);
+}
+
+int __wrap_listen(int fd, int backlog)
+{
+    int result;
+    note_deed("listen " + std::to_string(backlog));
+    return is_answered(Call::LISTEN, result) ? result : __real_listen(fd, backlog);
+}
+
+int __wrap_accept4(int fd, sockaddr *address, socklen_t *length, int flags)
+{
+    int result;
+    if (is_answered(Call::ACCEPT, result))
+        return result;
+    return checked_at_exec(__real_accept4(fd, address, length, flags), "accept4");
+}
+
+int __wrap_getsockopt(int fd, int level, int name, void *value, socklen_t *length)
+{
+    int result;
+    if (is_answered(Call::GETSOCKOPT, result))
+        return result;
+    return __real_getsockopt(fd, level, name, value, length);
+}
+
+ssize_t __wrap_recv(int fd, void *buffer, size_t size, int flags)
+{
+    ssize_t result;
+    return is_answered(Call::RECV, result) ? result : __real_recv(fd, buffer, size, flags);
+}
+
+ssize_t __wrap_send(int fd, const void *data, size_t size, int flags)
+{
+    ssize_t result;
+    return is_answered(Call::SEND, result) ? result : __real_send(fd, data, size, flags);
+}
+
+// The steps of iterators through std::map, which the language's library takes out of line.
+std::_Rb_tree_node_base *
+__wrap__ZSt18_Rb_tree_incrementPSt18_Rb_tree_node_base(std::_Rb_tree_node_base *node)
+{
+    kernel.tree_steps++;
+    return __real__ZSt18_Rb_tree_incrementPSt18_Rb_tree_node_base(node);
+}
+
+const std::_Rb_tree_node_base *
+__wrap__ZSt18_Rb_tree_incrementPKSt18_Rb_tree_node_base(const std::_Rb_tree_node_base *node)
+{
+    kernel.tree_steps++;
+    return __real__ZSt18_Rb_tree_incrementPKSt18_Rb_tree_node_base(node);
+}
+
+// Calls that no room makes yet. Whoever adds one gives it a place above first.
+#define NOT_ON_THIS_MACHINE(name)                                                                  \
+    [[noreturn]] void __wrap_##name()                                                              \
+    {                                                                                              \
+        fputs(#name "() would reach the real machine\n", stderr);                                  \
+        abort();                                                                                   \
+    }
+
+NOT_ON_THIS_MACHINE(chmod)
+NOT_ON_THIS_MACHINE(chown)
+NOT_ON_THIS_MACHINE(killpg)
+NOT_ON_THIS_MACHINE(mknod)
+NOT_ON_THIS_MACHINE(mount)
+NOT_ON_THIS_MACHINE(popen)
+NOT_ON_THIS_MACHINE(quotactl)
+NOT_ON_THIS_MACHINE(reboot)
+NOT_ON_THIS_MACHINE(rename)
+NOT_ON_THIS_MACHINE(swapon)
+NOT_ON_THIS_MACHINE(system)
+NOT_ON_THIS_MACHINE(truncate)
+NOT_ON_THIS_MACHINE(umount2)
+}
+
+static void forget_the_daemons_state()
+{
+    close_control_socket();
+    for (const auto &[name, drive] : blockdev_list)
+        drive->partitions.clear();
+    for (const auto &[name, partition] : partdev_list) {
+        partition->refcount = 0; // no complaint: whatever held it belonged to the test
+        delete partition;
+    }
+    for (const auto &[name, drive] : blockdev_list) {
+        drive->refcount = 0;
+        delete drive;
+    }
+    partdev_list.clear();
+    blockdev_list.clear();
+    raid_members.clear();
+    proc_partitions.clear();
+    device_name_set.clear();
+    mount_list.clear();
+    fstab_list.clear();
+    fstab_mtime = 0;
+    filesystems_list.clear();
+    filesystems_nodev_list.clear();
+    hotplug_mode = no_force_shutdown = 0;
+    startup_child_pid = -1;
+    for (std::string *text :
+         {&boot_drive, &boot_partition, &main_drive, &main_partition, &swap_path})
+        text->clear();
+    settings = Settings();
+    init_connection_types();
+}
+
+MadeUpMachine::MadeUpMachine() : old_directory_(__real_open(".", O_PATH | O_CLOEXEC))
+{
+    root_ = testing::TempDir() + "quarryd-unit-XXXXXX";
+    if (machine || !mkdtemp(root_.data())) {
+        fputs("cannot make up a machine\n", stderr);
+        abort();
+    }
+    if (!deed_log)
+        deed_log = static_cast<DeedLog *>(mmap(nullptr, sizeof(DeedLog), PROT_READ | PROT_WRITE,
+                                               MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    deed_log->length = 0;
+    kernel = Kernel();
+    forget_the_daemons_state();
+    for (const char *folder : {"/dev", "/etc", "/mnt", "/proc", "/sys/block"})
+        MakeDirectory(folder);
+    Link("/dev/null", "/dev/null");
+    machine = this;
+}
+
+MadeUpMachine::~MadeUpMachine()
+{
+    forget_the_daemons_state();
+    machine = nullptr;
+    for (pid_t child : children) {
+        __real_kill(child, SIGKILL);
+        __real_waitpid(child, nullptr, 0);
+    }
+    children.clear();
+    if (fchdir(old_directory_) < 0)
+        fputs("cannot leave the made-up machine\n", stderr);
+    __real_close(old_directory_);
+    std::error_code ignored;
+    fs::remove_all(root_, ignored);
+}
+
+std::string MadeUpMachine::RealPath(const std::string &path) const
+{
+    return path.starts_with(root_) ? path : root_ + path;
+}
+
+static void make_folders_above(const std::string &place)
+{
+    fs::create_directories(fs::path(place).parent_path());
+}
+
+void MadeUpMachine::Write(const std::string &path, const std::string &content)
+{
+    make_folders_above(RealPath(path));
+    std::ofstream(RealPath(path), std::ios::binary) << content;
+}
+
+void MadeUpMachine::Link(const std::string &path, const std::string &target)
+{
+    make_folders_above(RealPath(path));
+    fs::create_symlink(target, RealPath(path));
+}
+
+void MadeUpMachine::MakeDirectory(const std::string &path)
+{
+    fs::create_directories(RealPath(path));
+}
+
+void MadeUpMachine::SetMode(const std::string &path, mode_t mode)
+{
+    fs::permissions(RealPath(path), static_cast<fs::perms>(mode));
+}
+
+void MadeUpMachine::Remove(const std::string &path)
+{
+    fs::remove_all(RealPath(path));
+}
+
+bool MadeUpMachine::Exists(const std::string &path) const
+{
+    return fs::symlink_status(RealPath(path)).type() != fs::file_type::not_found;
+}
+
+std::string MadeUpMachine::LinkTarget(const std::string &path) const
+{
+    std::string target;
+    really_read_link(AT_FDCWD, RealPath(path).c_str(), target);
+    return target;
+}
+
+void MadeUpMachine::SetModified(const std::string &path, time_t when)
+{
+    const timespec times[] = {{when, 0}, {when, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, RealPath(path).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+}
+
+void MadeUpMachine::AddDrive(const std::string &name, const std::string &sectors)
+{
+    Write("/sys/block/" + name + "/size", sectors + "\n");
+    Write("/dev/" + name, std::string());
+    fs::resize_file(RealPath("/dev/" + name), 1 << 20);
+}
+
+void MadeUpMachine::AddPartition(const std::string &drive, const std::string &name,
+                                 const std::string &sectors)
+{
+    Write("/sys/block/" + drive + "/" + name + "/size", sectors + "\n");
+    Write("/dev/" + name, std::string());
+    fs::resize_file(RealPath("/dev/" + name), 1 << 20);
+}
+
+void MadeUpMachine::AddProcess(int pid, const std::string &command,
+                               std::initializer_list<std::string> open_files)
+{
+    const std::string process = "/proc/" + std::to_string(pid);
+    Write(process + "/cmdline", command + std::string("\0--option\0", 10));
+    MakeDirectory(process + "/fd");
+    int number = 0;
+    for (const std::string &file : open_files)
+        Link(process + "/fd/" + std::to_string(number++), file);
+}
+
+void MadeUpMachine::Script(Call call, std::initializer_list<Answer> answers)
+{
+    kernel.scripts[static_cast<size_t>(call)].assign(answers);
+}
+
+void MadeUpMachine::Refuse(const std::string &path, int error)
+{
+    kernel.refused[path] = error;
+}
+
+int MadeUpMachine::Calls(Call call) const
+{
+    return kernel.calls[static_cast<size_t>(call)];
+}
+
+int MadeUpMachine::SystemCalls() const
+{
+    int sum = 0;
+    for (int count : kernel.calls)
+        sum += count;
+    return sum;
+}
+
+int MadeUpMachine::Opened(const std::string &path) const
+{
+    auto found = kernel.opened.find(path);
+    return found == kernel.opened.end() ? 0 : static_cast<int>(found->second.size());
+}
+
+int MadeUpMachine::OpenFlags(const std::string &path) const
+{
+    auto found = kernel.opened.find(path);
+    return found == kernel.opened.end() ? -1 : found->second.back();
+}
+
+int MadeUpMachine::TreeSteps() const
+{
+    return kernel.tree_steps;
+}
+
+void MadeUpMachine::ForgetCalls()
+{
+    kernel.calls.fill(0);
+    kernel.opened.clear();
+    kernel.tree_steps = 0;
+}
+
+std::vector<std::string> MadeUpMachine::Deeds() const
+{
+    return Deeds("");
+}
+
+std::vector<std::string> MadeUpMachine::Deeds(const std::string &beginning) const
+{
+    std::vector<std::string> deeds;
+    std::string_view rest(deed_log->text, deed_log->length);
+    while (!rest.empty()) {
+        const size_t end = rest.find('\n');
+        if (rest.starts_with(beginning))
+            deeds.emplace_back(rest.substr(0, end));
+        rest.remove_prefix(end + 1);
+    }
+    return deeds;
+}
+
+int MadeUpMachine::Connect() const
+{
+    const int fd = __real_socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    socklen_t length;
+    const sockaddr_un address = stand_in_address(length);
+    if (connect(fd, reinterpret_cast<const sockaddr *>(&address), length) == 0)
+        return fd;
+    __real_close(fd);
+    return -1;
+}
+
+static int captured_errors_fd; // while stderr is captured: where it goes now
+static int true_errors_fd;     // and where it went before
+
+// An assertion that fails unawares is for whoever runs the tests, too.
+static void show_captured_errors(int number)
+{
+    struct stat captured;
+    struct stat current;
+    fstat(captured_errors_fd, &captured);
+    fstat(STDERR_FILENO, &current);
+    char chunk[4096];
+    off_t position = 0;
+    for (ssize_t got; captured.st_ino == current.st_ino &&
+                      (got = pread(captured_errors_fd, chunk, sizeof(chunk), position)) > 0;) {
+        if (write(true_errors_fd, chunk, static_cast<size_t>(got)) < 0)
+            break;
+        position += got;
+    }
+    signal(number, SIG_DFL);
+    raise(number);
+}
+
+Printed::Printed(FILE *stream)
+    : stream_(stream), saved_fd_(__real_fcntl(fileno(stream), F_DUPFD_CLOEXEC, 0)),
+      memory_fd_(memfd_create("printed", MFD_CLOEXEC))
+{
+    fflush(stream_);
+    dup2(memory_fd_, fileno(stream_));
+    if (stream_ != stderr)
+        return;
+    captured_errors_fd = memory_fd_;
+    true_errors_fd = saved_fd_;
+    signal(SIGABRT, show_captured_errors);
+    // A sanitizer's report is for whoever runs the tests.
+    if (__sanitizer_set_report_fd)
+        __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(saved_fd_)));
+}
+
+Printed::~Printed()
+{
+    fflush(stream_);
+    dup2(saved_fd_, fileno(stream_));
+    if (stream_ == stderr) {
+        signal(SIGABRT, SIG_DFL);
+        if (__sanitizer_set_report_fd)
+            __sanitizer_set_report_fd(
+                reinterpret_cast<void *>(static_cast<intptr_t>(STDERR_FILENO)));
+    }
+    __real_close(memory_fd_);
+    __real_close(saved_fd_);
+}
+
+std::string Printed::Take()
+{
+    fflush(stream_);
+    std::string text;
+    char chunk[4096];
+    __real_lseek(memory_fd_, 0, SEEK_SET);
+    for (ssize_t got; (got = __real_read(memory_fd_, chunk, sizeof(chunk))) > 0;)
+        text.append(chunk, static_cast<size_t>(got));
+    if (ftruncate(memory_fd_, 0) < 0)
+        abort();
+    __real_lseek(memory_fd_, 0, SEEK_SET); // the stream writes at the same position
+    return text;
+}
+
+std::set<int> open_descriptors()
+{
+    std::set<int> descriptors;
+    DIR *directory = opendir("/proc/self/fd");
+    while (const dirent *entry = readdir(directory)) {
+        const int fd = atoi(entry->d_name);
+        if (entry->d_name[0] != '.' && fd != dirfd(directory))
+            descriptors.insert(fd);
+    }
+    closedir(directory);
+    return descriptors;
+}
+
+void MadeUpMachineTest::TearDown()
+{
+    close_control_socket();
+    EXPECT_EQ(open_descriptors(), descriptors_before) << "descriptors are not closed";
+    EXPECT_EQ(machine.Deeds("left open at exec"), std::vector<std::string>());
+}

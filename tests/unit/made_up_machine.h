@@ -1,0 +1,170 @@
+// A made-up machine for the unit tests: /sys, /proc, /dev and /mnt in a folder of plain files, and
+// a kernel that answers as the test says.
+//
+// The test program is linked so that the daemon's calls into the C library come to this room first.
+// While a MadeUpMachine exists, every absolute path leads into its folder, each call is counted and
+// can be told to fail. What could hurt the real machine (signals to strangers, unmounting, swap)
+// never happens, with or without a MadeUpMachine: it is written down, and a test asks for it.
+#ifndef QUARRYD_UNIT_MADE_UP_MACHINE_H
+#define QUARRYD_UNIT_MADE_UP_MACHINE_H
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <functional>
+#include <initializer_list>
+#include <set>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+// The calls that are counted and that can be given answers.
+enum class Call {
+    ACCEPT,
+    BIND,
+    CHDIR,
+    CLOSE,
+    FCNTL,
+    FORK,
+    GETDENTS,
+    GETSOCKOPT,
+    IOCTL,
+    LISTEN,
+    LSEEK,
+    OPEN, // openat() too
+    PIPE,
+    READ,
+    READLINK, // readlinkat() too
+    RECV,
+    RMDIR, // unlinkat() of a directory too
+    SEND,
+    SOCKET,
+    STAT, // statx() too
+    SWAPOFF,
+    SYMLINK,
+    UMOUNT,
+    UNLINK, // unlinkat() too
+    WAITPID,
+    COUNT
+};
+
+// What a call gives back: what the kernel says, or something else in its stead.
+struct Answer {
+    bool is_real;
+    long result;
+    int error;
+};
+
+inline constexpr Answer really = {true, 0, 0};
+
+constexpr Answer returns(long result)
+{
+    return {false, result, 0};
+}
+
+constexpr Answer fails(int error)
+{
+    return {false, -1, error};
+}
+
+class MadeUpMachine {
+public:
+    // An empty machine, and the daemon's state as it is right after its start. One at a time.
+    MadeUpMachine();
+    ~MadeUpMachine();
+    MadeUpMachine(const MadeUpMachine &) = delete;
+    MadeUpMachine &operator=(const MadeUpMachine &) = delete;
+
+    // Building it. Paths are those of the machine ("/sys/block"); folders above are made.
+    std::string RealPath(const std::string &path) const;
+    void Write(const std::string &path, const std::string &content);
+    void Link(const std::string &path, const std::string &target);
+    void MakeDirectory(const std::string &path);
+    void SetMode(const std::string &path, mode_t mode);
+    void Remove(const std::string &path); // with all that is below
+    bool Exists(const std::string &path) const;
+    std::string LinkTarget(const std::string &path) const; // "" when there is no such link
+    void SetModified(const std::string &path, time_t when);
+
+    // A drive or partition in /sys/block with its device node, which reads as zeros.
+    void AddDrive(const std::string &name, const std::string &sectors);
+    void AddPartition(const std::string &drive, const std::string &name,
+                      const std::string &sectors);
+
+    // A process with a command line of one word and open files of these names.
+    void AddProcess(int pid, const std::string &command,
+                    std::initializer_list<std::string> open_files);
+
+    // The next calls get these answers, one each; later ones are real again.
+    void Script(Call call, std::initializer_list<Answer> answers);
+
+    // Opening this path, or asking for its status, fails from now on.
+    void Refuse(const std::string &path, int error);
+
+    // Calls since the last ForgetCalls().
+    int Calls(Call call) const;
+    int SystemCalls() const;                      // all of the above
+    int Opened(const std::string &path) const;    // opened by this absolute path
+    int OpenFlags(const std::string &path) const; // when it was opened last
+    int TreeSteps() const;                        // steps that iterators made in ordered maps
+    void ForgetCalls();
+
+    // What was done that must not really happen, or that a test wants to see, in order and from
+    // children too: "kill 12 15", "kill child 9", "umount /mnt/sdb1", "swapoff /x", "sleep 2",
+    // "usleep 100", "alarm 30", "execv /usr/bin/volsniffer ...", "log ..." for the system log,
+    // "bind ..." and, as a fault, "left open at exec: ...".
+    std::vector<std::string> Deeds() const;
+    std::vector<std::string> Deeds(const std::string &beginning) const;
+
+    // A client's end of a connection to the daemon's socket.
+    int Connect() const;
+
+    // Called at each deed, in the process that does it.
+    std::function<void(const std::string &deed)> on_deed;
+    // Stands for every program that is executed: called in the child, which then exits with 0.
+    // Without it the program of that path on the machine is run.
+    std::function<void(char *const *arguments)> on_exec;
+    // The drives' driver.
+    std::function<int(unsigned long request, void *argument)> on_ioctl;
+    time_t now = 0; // the clock; 0: the real one
+
+private:
+    std::string root_;
+    int old_directory_;
+};
+
+// What is written to a standard stream while the object lives, from children too.
+class Printed {
+public:
+    explicit Printed(FILE *stream);
+    ~Printed();
+    Printed(const Printed &) = delete;
+    Printed &operator=(const Printed &) = delete;
+
+    // What was printed since the last call.
+    std::string Take();
+
+private:
+    FILE *stream_;
+    int saved_fd_;
+    int memory_fd_;
+};
+
+// The descriptors that this process has open.
+std::set<int> open_descriptors();
+
+// A test on a made-up machine. In the end no descriptor may be left that was not there before, and
+// none that was opened may outlive an exec.
+class MadeUpMachineTest : public testing::Test {
+protected:
+    void TearDown() override;
+
+    MadeUpMachine machine;
+    Printed errors{stderr}; // what the daemon said
+    std::set<int> descriptors_before = open_descriptors();
+};
+
+#endif

@@ -1,0 +1,100 @@
+// Cutting texts into pieces.
+#include "base/words.h"
+
+#include <gtest/gtest.h>
+
+using Pieces = std::vector<std::string>;
+
+// Every piece between separators counts, the empty ones too; only an empty text has none.
+TEST(CutAt, KeepsEmptyPieces)
+{
+    static const struct {
+        const char *text;
+        Pieces pieces;
+    } cases[] = {
+        {"", {}},
+        {"rw", {"rw"}},
+        {"rw,noatime", {"rw", "noatime"}},
+        {"rw,,noatime", {"rw", "", "noatime"}},
+        {",", {"", ""}},
+        {",,", {"", "", ""}},
+        {",rw", {"", "rw"}},
+        {"rw,", {"rw", ""}},
+    };
+    for (const auto &c : cases) {
+        Pieces pieces;
+        cut_at(c.text, ',', pieces);
+        EXPECT_EQ(pieces, c.pieces) << c.text;
+    }
+}
+
+// Pieces are added to those that are there already.
+TEST(CutAt, Appends)
+{
+    Pieces pieces = {"first"};
+    cut_at("a,b", ',', pieces);
+    EXPECT_EQ(pieces, (Pieces{"first", "a", "b"}));
+}
+
+// A field ends at the separator, and the whole run behind it goes with it.
+TEST(TakeField, TakesTheRunBehindTheField)
+{
+    static const struct {
+        const char *text;
+        char separator;
+        const char *field;
+        const char *rest;
+    } cases[] = {
+        {"", ' ', "", ""},
+        {"one", ' ', "one", ""},
+        {"one ", ' ', "one", ""},
+        {"one   ", ' ', "one", ""},
+        {"one   two three", ' ', "one", "two three"},
+        {" one", ' ', "", "one"}, // an empty field stands before a leading separator
+        {"one\ttwo", ' ', "one\ttwo", ""},
+        {"one\t\t two", '\t', "one", " two"},
+    };
+    for (const auto &c : cases) {
+        std::string_view rest = c.text;
+        EXPECT_EQ(take_field(rest, c.separator), c.field) << c.text;
+        EXPECT_EQ(rest, c.rest) << c.text;
+    }
+}
+
+// Only leading separators are dropped.
+TEST(SkipRun, DropsLeadingSeparatorsOnly)
+{
+    static const struct {
+        const char *text;
+        const char *rest;
+    } cases[] = {
+        {"", ""}, {"   ", ""}, {"a b ", "a b "}, {"  a b ", "a b "}, {"\t a", "\t a"},
+    };
+    for (const auto &c : cases) {
+        std::string_view rest = c.text;
+        skip_run(rest, ' ');
+        EXPECT_EQ(rest, c.rest) << c.text;
+    }
+}
+
+// "/dev/" goes from the front of a word, once, and from nowhere else.
+TEST(StripDev, TakesTheFolderOffTheFront)
+{
+    static const struct {
+        const char *word;
+        const char *name;
+    } cases[] = {
+        {"", ""},
+        {"sdb1", "sdb1"},
+        {"/dev", "/dev"},
+        {"/dev/", ""}, // five characters: long enough to be cut
+        {"/dev/sdb1", "sdb1"},
+        {"/dev//dev/sdb1", "/dev/sdb1"},
+        {"/DEV/sdb1", "/DEV/sdb1"},
+        {"dev/sdb1", "dev/sdb1"},
+        {"x/dev/sdb1", "x/dev/sdb1"},
+        {"/devices", "/devices"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(strip_dev(c.word), c.name) << c.word;
+}
