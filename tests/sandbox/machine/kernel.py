@@ -114,6 +114,7 @@ SYSCALLS = {
     "chdir": 80,
     "mkdir": 83,
     "umount2": 166,
+    "swapoff": 168,
     "accept4": 288,
     "pipe2": 293,
     "clone3": 435,

@@ -10,7 +10,7 @@ import time
 from . import kernel, namespaces
 from .clients import Client, wait_until
 from .drives import Drives, link, write
-from .namespaces import DAEMON, REAL_PROC
+from .namespaces import DAEMON, REAL_PROC, ROOM
 
 PROBE = "/usr/bin/volsniffer"
 ANSWERS = "/run/probe"  # what the made-up probe program says, a file for each device
@@ -161,6 +161,14 @@ class Machine(Drives):
             daemon.wait_for_loop()
         return daemon
 
+    def room(self, *commands, **keys):
+        """Starts the daemon's rooms and runs some commands in them."""
+        room = Room(**keys)
+        self.daemons.append(room)
+        for command in commands:
+            room.ask(command)
+        return room
+
     @property
     def daemon(self):
         return self.daemons[-1]
@@ -237,6 +245,7 @@ class Daemon:
         self,
         arguments,
         program=DAEMON,
+        stdin=subprocess.DEVNULL,
         stdout=None,
         stderr=None,
         refuse=(),
@@ -256,8 +265,8 @@ class Daemon:
         self.stderr_path = f"/run/stderr.{Daemon.count}"
         self.trace_path = f"/run/trace.{Daemon.count}"
         self.given_up = False  # this run's end is not checked at the end of the case
-        own_stdout = stdout or open(self.stdout_path, "wb")
-        own_stderr = stderr or open(self.stderr_path, "wb")
+        own_stdout = open(self.stdout_path, "wb") if stdout is None else stdout
+        own_stderr = open(self.stderr_path, "wb") if stderr is None else stderr
         command = [program, *arguments]
         leaks = leaks and not trace
         if trace:
@@ -277,7 +286,7 @@ class Daemon:
 
         self.process = subprocess.Popen(
             command,
-            stdin=subprocess.DEVNULL,
+            stdin=stdin,
             stdout=own_stdout,
             stderr=own_stderr,
             preexec_fn=prepare,
@@ -289,8 +298,8 @@ class Daemon:
                 "UBSAN_OPTIONS": "print_stacktrace=1:halt_on_error=1:exitcode=97",
             },
         )
-        for stream in (own_stdout, own_stderr):
-            if stream not in (stdout, stderr):
+        for stream, given in ((own_stdout, stdout), (own_stderr, stderr)):
+            if given is None:
                 stream.close()
         self.pid = self.process.pid
         if trace:
@@ -411,6 +420,29 @@ class Daemon:
         os.kill(self.pid, signal.SIGKILL)
         self.process.wait()
         self.check_words()
+
+
+class Room(Daemon):
+    """The daemon's operations one by one; what room/room.cpp knows can be asked."""
+
+    def __init__(self, **keys):
+        assert os.path.exists(ROOM), "build the target `room` beside the daemon"
+        super().__init__((), program=ROOM, stdin=subprocess.PIPE, stdout=subprocess.PIPE, **keys)
+
+    def ask(self, command):
+        """Runs one command and returns its answer: yes, no or done."""
+        self.process.stdin.write(command.encode() + b"\n")
+        self.process.stdin.flush()
+        answer = self.process.stdout.readline()
+        assert answer, f"no answer to {command!r}: {self.stderr()}"
+        return answer.decode().strip()
+
+    def stop(self, number=None, timeout=20):
+        self.process.stdin.close()
+        self.check_end(0, timeout)
+
+    def last_words(self):
+        return f"status {self.process.poll()}\n--- stderr\n{self.stderr()}"
 
 
 def sleep(seconds):

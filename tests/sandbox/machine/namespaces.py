@@ -27,6 +27,7 @@ TESTS = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 HOST_USR = "/.usr"  # the host's /usr, read-only
 REAL_PROC = "/.proc"  # the kernel's own list of processes; /proc itself is made up
 DAEMON = "/usr/sbin/quarryd"
+ROOM = "/.room"  # single operations of the daemon, built beside it
 REAL_PROBE = "/.volsniffer"  # the project's probe program; /usr/bin/volsniffer is made up
 
 
@@ -177,9 +178,11 @@ def _make_root():
             open(f"{root}/dev/{name}", "w").close()
             kernel.bind(f"/dev/{name}", f"{root}/dev/{name}", read_only=False)
     _bind_at(root, TESTS, TESTS)
-    for variable, path in (("QUARRYD", DAEMON), ("VOLSNIFFER", REAL_PROBE)):
-        if os.environ.get(variable):
-            _bind_at(root, os.environ[variable], path)
+    daemon, probe = os.environ.get("QUARRYD", ""), os.environ.get("VOLSNIFFER", "")
+    room = os.path.join(os.path.dirname(daemon), "../tests/sandbox/room/room")
+    for program, path in ((daemon, DAEMON), (probe, REAL_PROBE), (room, ROOM)):
+        if os.path.isfile(program):
+            _bind_at(root, program, path)
     kernel.pivot_root(root, f"{root}/.old")
     os.chdir("/")
     kernel.umount("/.old", kernel.MNT_DETACH)
