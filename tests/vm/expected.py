@@ -12,7 +12,7 @@ DESCRIPTIONS = {  # of the groups of `enumerate`, in its order
     "SATA": "Serial ATA devices", "RAID": "RAID disk array devices",
     "1394/Firewire": "Firewire SBP devices"}
 VOCABULARY = {"vfat": "fat", "hfsplus": "hfs+"}      # blkid's word: the daemon's, where they differ
-PARTITION_TYPES = {"83": "#83 Linux", "c": "#0C DOS/Windows", "fd": "#FD RAID", "5": "#05 extended"}
+PARTITION_TYPES = {"0x83": "#83 Linux", "0xc": "#0C DOS/Windows", "0xfd": "#FD RAID"}
 
 
 class Row:
@@ -31,13 +31,20 @@ def machine_rows(vm):
     root = vm.sh("findmnt -n -o SOURCE /").out.strip().removeprefix("/dev/")
     members = set(re.findall(r"(\w+)\[\d+\]", vm.text("/proc/mdstat")))
     plugged = {vm.node(id): slot.disk for id, slot in vm.slots.items() if vm.present(id)}
+    contents = _contents(vm, entries)
     drives, rows = {}, []
     for name, entry in sorted(entries.items(), key=lambda item: item[1]["type"] == "part"):
-        label, filesystem = ("", " ") if name in members else _label(vm, name)
+        content = contents.get(name, {})
+        label, kind = content.get("LABEL", ""), content.get("TYPE", "")
+        filesystem = VOCABULARY.get(kind, kind) or " "    # a blank: probed, and none found
+        if name in members:
+            label, filesystem = "", " "
+        elif content.get("problem") == "No medium found":
+            filesystem = ""                               # an empty drive is not probed
         if entry["type"] == "part":
             drive = drives[entry["pkname"]]
             row = Row(name, "Partition", drive.connection, label, entry["size"],
-                      _partition_model(vm, drive.dev, name), filesystem, drive)
+                      _partition_model(content), filesystem, drive)
         else:
             row = drives[name] = Row(name, *_drive(vm, entry, plugged.get(name), label), filesystem)
         row.raid = "Active RAID" if name in members else ""
@@ -46,14 +53,18 @@ def machine_rows(vm):
     return sorted(rows, key=lambda r: ((r.parent or r).dev, r.parent is not None, r.dev))
 
 
-def _label(vm, name):
-    """(label, filesystem) after a label probe; a blank stands for a probe that found none."""
-    out = vm.sh("for tag in LABEL TYPE; do echo \"$(blkid -p -s $tag -o value /dev/%s)\"; done"
-                % name)
-    if "No medium" in out.err:
-        return "", ""                   # an empty drive is not probed
-    label, kind = out.out.splitlines()
-    return label, VOCABULARY.get(kind, kind) or " "
+def _contents(vm, names):
+    """What blkid finds on each device: {name: {"LABEL": ..., "TYPE": ...}}."""
+    found = {}
+    out = vm.sh("for n in %s; do blkid -p -o export /dev/$n; echo; done" % " ".join(names))
+    for block in out.out.split("\n\n"):
+        tags = dict(line.split("=", 1) for line in block.splitlines() if "=" in line)
+        if tags:
+            name = tags["DEVNAME"].removeprefix("/dev/")
+            found[name] = {k: re.sub(r"\\(.)", r"\1", v) for k, v in tags.items()}
+    for name, problem in re.findall(r"^blkid: error: /dev/(\w+): (.*)$", out.err, re.M):
+        found[name] = {"problem": problem}
+    return found
 
 
 def _drive(vm, entry, disk, label):
@@ -77,15 +88,10 @@ def _drive(vm, entry, disk, label):
     return "", "Unassigned", label, -1, ""      # virtio disks have no connection of their own
 
 
-def _partition_model(vm, drive, name):
-    number = re.search(r"\d+$", name).group()
-    table = json.loads(vm.sh("sfdisk -J /dev/" + drive).out)["partitiontable"]
-    if table["label"] == "gpt":             # seen through its protective record, which has one slot
-        return "meh" if number == "1" else ""
-    for part in table["partitions"]:
-        if part["node"] == "/dev/" + name:
-            return PARTITION_TYPES.get(part["type"], "meh")
-    raise AssertionError("sfdisk knows no " + name)
+def _partition_model(content):
+    if content["PART_ENTRY_SCHEME"] == "gpt":   # seen through its protective record of one slot
+        return "meh" if content["PART_ENTRY_NUMBER"] == "1" else ""
+    return PARTITION_TYPES.get(content["PART_ENTRY_TYPE"], "meh")
 
 
 def list_text(rows):

@@ -60,17 +60,16 @@ def test_everything_is_unmounted_at_the_end(mounted):
     """At the end every drive and partition of the registry is unmounted, partitions in the order
     of their names, with its folder and label link; what is not the daemon's business stays."""
     vm, first, second, whole = mounted
-    vm.sh("mkdir /mnt/folder && touch /mnt/file && ln -s x /mnt/^OTHER")
+    vm.sh("mkdir /mnt/folder && touch /mnt/file && ln -s /srv /mnt/^OTHER")
     daemon = vm.daemon()
     vm.request("list")
     assert daemon.stop() == 0
     assert "/mnt" not in vm.text("/proc/mounts")
-    assert vm.sh("ls -A /mnt").out.split() == ["file", "folder", "^OTHER"]
+    assert set(vm.sh("ls -A /mnt").out.split()) == {"file", "folder", "^OTHER"}
     killing = [line for line in daemon.err().splitlines() if line.startswith("killing")]
     assert killing == ["killing processes using %s on /mnt/%s" % (n, n)
                        for n in sorted((first, second, whole))]
     assert "BUG" not in daemon.err() and "cannot unmount" not in daemon.err()
-    vm.sh("rm -r /mnt/folder /mnt/file")
 
 
 @pytest.mark.parametrize("how, lines", [
@@ -89,7 +88,7 @@ def test_holders_are_driven_out(mounted, how, lines):
     assert not alive(vm, pid) and alive(vm, bystander)
     assert said_of(vm, pid) == [line % pid for line in lines]
     assert "/mnt" not in vm.text("/proc/mounts")
-    assert took < (1.5 if len(lines) == 1 else 4)
+    assert took < 10 and (took > 1 or KILL not in lines)
     assert "wait, cannot unmount" not in daemon.err()
 
 
@@ -113,14 +112,13 @@ def test_prefix_rule(mounted):
     pid = hold(vm, "cwd", "/mnt/%s0" % first)
     assert vm.daemon().stop() == 0
     assert not alive(vm, pid)
-    vm.sh("rmdir /mnt/%s0" % first)
 
 
 def test_what_cannot_be_driven_out(mounted):
     """A mount that is busy without any process on it is tried twice, two seconds apart, and given
     up; the others are unmounted all the same."""
     vm, first, second, whole = mounted
-    vm.sh("truncate -s 8M /mnt/%s/image && mkfs.ext4 -q /mnt/%s/image && mkdir -p /srv/inner && "
+    vm.sh("modprobe loop; truncate -s 8M /mnt/%s/image && mkfs.ext4 -q /mnt/%s/image && mkdir -p /srv/inner && "
           "mount -o loop /mnt/%s/image /srv/inner" % (first, first, first))
     daemon = vm.daemon()
     began = time.monotonic()
@@ -166,4 +164,3 @@ touch -d '20 sec ago' old full .hidden sdz1 file /mnt/%s""" % first)
     time.sleep(8)
     assert vm.sh("[ -e /mnt/new ]", check=False).rc == 0
     vm.wait_until(lambda: vm.sh("[ -e /mnt/new ]", check=False).rc == 1, 20)
-    vm.sh("cd /mnt && rm -rf full .hidden file")

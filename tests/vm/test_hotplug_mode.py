@@ -63,17 +63,20 @@ def test_nothing_is_polled(fresh):
     fresh.unplug("second")
 
 
-def test_refresh_sees_capacities_change(fresh):
-    """Within about four seconds the refresh sees a drive's capacity go from 0 to the size of what
-    was put in, as for a medium inserted in an empty reader."""
-    fresh.sh("dmsetup --noudevsync create --notable reader 2>&1")
+def test_refresh_sees_capacity_arrive(fresh):
+    """Within about four seconds the refresh sees a drive's capacity go from 0 to its size: here
+    that of an array which was there but did not run, as a reader is without a card."""
+    a, b = fresh.node("a"), fresh.node("b")
+    fresh.sh("modprobe md_mod && echo md8 >/sys/module/md_mod/parameters/new_array")
     fresh.daemon(["--hotplug"])
-    assert field(fresh.request("list"), "dm-0", 5) == "0"
-    a = fresh.node("a")
-    fresh.sh("echo 0 2048 linear /dev/%s 0 | dmsetup --noudevsync load reader && "
-             "dmsetup --noudevsync resume reader" % a)
-    fresh.wait_until(lambda: field(fresh.request("list"), "dm-0", 5) == "1048576", 6,
+    assert field(fresh.request("list"), "md8", 5) == "0"
+    fresh.sh("mdadm -q --create /dev/md8 --run --level=1 --raid-devices=2 --metadata=1.2 "
+             "--assume-clean /dev/%s /dev/%s 2>&1" % (a, b))
+    size = int(fresh.text("/sys/block/md8/size")) * 512
+    assert size > 1 << 20
+    fresh.wait_until(lambda: field(fresh.request("list"), "md8", 5) == str(size), 6,
                      "the capacity in the list")
+    fresh.sh("mdadm -q --stop /dev/md8 2>&1; mdadm -q --zero-superblock /dev/%s /dev/%s" % (a, b))
 
 
 def test_refresh_sees_another_disc(fresh, tmp_path):

@@ -1,6 +1,5 @@
 """An idle daemon leaves the drives alone."""
 import os
-import re
 import time
 
 import pytest
@@ -19,28 +18,35 @@ def io_counts(vm):
     return {line.split(":")[0]: tuple(line.split(":")[1].split()) for line in out.splitlines()}
 
 
+@pytest.fixture(scope="module")
+def assembled(vm):
+    sample_machine.assemble(vm)
+    return vm
+
+
 @pytest.mark.parametrize("mode", ["polling", "hotplug"])
 @pytest.mark.parametrize("known", [False, True], ids=["filesystems unknown", "filesystems known"])
-def test_not_one_io_while_idle(fresh, mode, known):
+def test_not_one_io_while_idle(assembled, mode, known):
     """Polls, refreshes and rescans do not reach any drive, whether or not a listing has learnt the
     filesystems yet."""
-    sample_machine.assemble(fresh)
-    daemon = fresh.daemon(["--" + mode])
+    vm = assembled
+    vm.reset(keep_volumes=True)
+    daemon = vm.daemon(["--" + mode])
     daemon.wait_err("Device vda1 just appeared (polling)\n")
-    fresh.request("list" if known else "help")
-    io_counts(fresh)                               # what this reads is in memory from now on
-    fresh.sh("sync")
+    vm.request("list" if known else "help")
+    io_counts(vm)                               # the programs used here are in memory after this
+    vm.sh("date; sync")
     time.sleep(1.5)
-    before = io_counts(fresh)
-    assert {re.sub(r"\d+$", "", path.split("/")[3]) for path in before} >= {
-        "sd", "sr", "md", "dm-", "vda"[:3], "mmcblk", "nvme0n"} and len(before) > 15
+    before = io_counts(vm)
+    assert {path.split("/")[3][:2] for path in before} == {
+        "sd", "sr", "md", "dm", "vd", "mm", "nv"} and len(before) > 15
     if mode == "hotplug":
-        fresh.sh("date -s '+61 sec'")              # a full rescan comes in the same window
+        vm.sh("date -s '+61 sec'")              # a full rescan comes in the same window
     time.sleep(SECONDS)
-    after = io_counts(fresh)
+    after = io_counts(vm)
     assert daemon.alive()
     assert {path: (before[path], after[path]) for path in before
             if before[path] != after.get(path)} == {}
-    assert fresh.request("list").endswith("OK  eom\n")
+    assert vm.request("list").endswith("OK  eom\n")
     if not known:                                  # the counts do count: this listing read
-        assert io_counts(fresh) != after
+        assert io_counts(vm) != after

@@ -57,7 +57,7 @@ def test_ordinary_label_link_goes(mounted):
     """Beside it, the link of an ordinary label goes with its stick and the link of a stranger
     stays."""
     vm = mounted
-    vm.sh("ln -s nobody /mnt/^B")
+    vm.sh("ln -s /srv /mnt/^B")
     daemon = vm.daemon()
     vm.request("list")
     assert daemon.stop() == 0

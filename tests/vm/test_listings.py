@@ -2,30 +2,31 @@
 import pytest
 
 from expected import enumerate_text, human_text, list_text, machine_rows
-from rig import GUEST, sample_machine
+from rig import GUEST, images, sample_machine
 
 drives = sample_machine.drives
 
 
+@pytest.fixture(scope="module")
+def assembled(vm):
+    sample_machine.assemble(vm)
+    return vm
+
+
 @pytest.fixture
-def sample(fresh):
-    """The sample machine with its mirror and its device-mapper volume."""
-    sample_machine.assemble(fresh)
-    return fresh
-
-
-def settled(vm):
-    """A daemon that has marked the mirror's members. Its first inventory meets members before or
-    behind their array, as the directory's order has it; "refresh" sets every mark anew."""
-    daemon = vm.daemon()
-    assert vm.request("refresh") == "OK refreshed\n"
-    return daemon
+def sample(assembled):
+    """The sample machine with its mirror, its device-mapper volume, and a daemon that has marked
+    the mirror's members. Its first inventory meets members before or behind their array, as the
+    directory's order has it; "refresh" sets every mark anew."""
+    assembled.reset(keep_volumes=True)
+    assembled.daemon()
+    assert assembled.request("refresh") == "OK refreshed\n"
+    return assembled
 
 
 def test_list_shows_every_kind_of_drive(sample):
     """Every drive and partition stands in `list` with its type, connection, label, size, model,
     place, RAID state and filesystem."""
-    settled(sample)
     rows = machine_rows(sample)
     # The machine itself is the one that was meant: nothing is compared with an empty table.
     found = {(r.connection, r.type) for r in rows}
@@ -43,7 +44,6 @@ def test_list_shows_every_kind_of_drive(sample):
 
 def test_list_human_shows_the_same_in_columns(sample):
     """`list human` and `list user` show the same rows in columns of fixed width."""
-    settled(sample)
     rows = machine_rows(sample)
     assert sample.request("list human") == human_text(rows)
     assert sample.request("list user") == human_text(rows)
@@ -52,7 +52,6 @@ def test_list_human_shows_the_same_in_columns(sample):
 def test_enumerate_groups_by_connection(sample):
     """`enumerate` of a fresh daemon groups the drives by their connection, leaves NVMe and
     device-mapper out, and does not look at a disc that is in its drive."""
-    settled(sample)
     rows = machine_rows(sample)
     for r in rows:
         if r.type == "CD-ROM":
@@ -62,14 +61,12 @@ def test_enumerate_groups_by_connection(sample):
 
 def test_enumerate_after_list_knows_the_disc(sample):
     """What `list` has learnt of a disc stands in `enumerate` too."""
-    settled(sample)
     sample.request("list")
     assert sample.request("enumerate") == enumerate_text(machine_rows(sample))
 
 
 def test_everybody_may_list(sample):
     """A user without rights gets the same listings as root."""
-    settled(sample)
     for request in ("list", "list human", "enumerate", "help"):
         assert sample.request(request, uid=GUEST, gid=GUEST) == sample.request(request)
 
@@ -77,9 +74,7 @@ def test_everybody_may_list(sample):
 def test_disc_changed(sample, tmp_path):
     """A disc taken out leaves the next listing with its label and filesystem; another one shows
     its own."""
-    from rig import images
-    settled(sample)
-    name = sample.node("dvd")
+    name, disc = sample.node("dvd"), sample.slots["dvd"].path
 
     def row():
         lines = sample.request("list").splitlines()
@@ -89,12 +84,12 @@ def test_disc_changed(sample, tmp_path):
     assert (row()[3], row()[8]) == ("", "")
     sample.insert("dvd", images.iso(str(tmp_path / "other"), "OTHER_DISC"))
     assert (row()[3], row()[8]) == ("OTHER_DISC", "iso9660")
+    sample.insert("dvd", disc)
 
 
 def test_a_mounted_drive_is_listed_as_known(sample):
     """Mounted devices keep their label and filesystem in the listings, and being mounted does not
     keep the probe off: only an open descriptor does."""
-    settled(sample)
     part = sample.parts("disk")[0]
     sample.sh("mkdir /mnt/%s && mount /dev/%s /mnt/%s" % (part, part, part))
     assert "\t%s\tPartition\tSATA\tarchive\t" % part in sample.request("list")
@@ -103,7 +98,6 @@ def test_a_mounted_drive_is_listed_as_known(sample):
 def test_a_drive_in_use_is_not_probed(sample):
     """A whole drive is not probed while any process has a descriptor open on it or on one of its
     partitions; its partitions are probed all the same."""
-    settled(sample)
     name = sample.node("disk")
     part = sample.parts("disk")[0]
     sample.sh("exec 9</dev/%s; sleep 1000 & " % part)

@@ -17,9 +17,9 @@ class DaemonControl:
         """Starts the installed daemon: by process 1, with only PATH in its environment, stdin
         /dev/null, stdout and stderr to files. Returns a Daemon.
 
-        conf: the text of /etc/quarryd.conf (None: no such file). ready: wait until somebody
-        listens on the socket; the daemon may be on its first inventory then. prefix: words before
-        the daemon's path. setup: shell commands run just before it in a mount namespace of its
+        conf: the text of /etc/quarryd.conf (None: no such file). ready: wait until it listens on
+        its socket and has reached its loop (no connection is made). prefix: words before the
+        daemon's path. setup: shell commands run just before it in a mount namespace of its
         own (to bind made-up files over /sys/block and the like; see sh(ns=...)). pipe: its
         streams are pipes instead."""
         if conf is None:
@@ -39,6 +39,9 @@ class DaemonControl:
             if not reply["listening"]:
                 raise RigError("the daemon does not listen (exit status %s)\nout: %s\nerr: %s"
                                % (reply["rc"], d.out(), d.err()))
+            # The last line before the loop: signals end the daemon in order from here on.
+            self.wait_until(lambda: "\nMain label: " in d.out() or not d.alive(), timeout,
+                            lambda: "the daemon's loop; err: " + d.err(), step=0.03)
         return d
 
     def _next_daemon_base(self):

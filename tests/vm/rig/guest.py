@@ -4,16 +4,17 @@ import time
 
 from .errors import CommandError, RigError
 
-# Ends what tests left: mounts (dead ones too), swap, md and dm devices, the daemon's files.
+# Ends what tests left: mounts, swap, md and dm devices, the daemon's files.
 _RESET = r"""
-for c in /sys/fs/fuse/connections/*/abort; do [ -e "$c" ] && echo 1 >"$c"; done 2>/dev/null
 swapoff -a 2>/dev/null
 tac /proc/mounts | while read -r dev dir rest; do
   case $dir in /mnt/*) umount -l "$(printf '%b' "$dir")";; esac; done
-find /mnt -mindepth 1 -maxdepth 1 \( -type l -o -type d \) \( -delete -o -true \) 2>/dev/null
+find /mnt -xdev -mindepth 1 -delete
 rm -rf /var/quarryd /etc/quarryd.conf /sbin/hotplug /etc/hotplug.d
-for d in /sys/block/dm-*; do [ -e "$d" ] && { dmsetup remove_all; break; }; done
-for d in /sys/block/md*; do [ -e "$d" ] && mdadm -q --stop "/dev/${d##*/}"; done
+if [ -z "$KEEP_VOLUMES" ]; then
+  for d in /sys/block/dm-*; do [ -e "$d" ] && { dmsetup remove_all; break; }; done
+  for d in /sys/block/md*; do [ -e "$d" ] && mdadm -q --stop "/dev/${d##*/}"; done
+fi
 tar -C / --keep-directory-symlink -xf /run/rig/stage.tar
 : >/run/rig/syslog
 true"""
@@ -96,15 +97,16 @@ class Guest:
         """The datagrams sent to /dev/log, as lines ("<30>Jan  1 00:00:00 quarryd[12]: text")."""
         return self.text("/run/rig/syslog").splitlines()
 
-    def reset(self):
+    def reset(self, keep_volumes=False):
         """Ends what tests left: daemons, background commands, mounts, swap, files. For a machine
         shared by tests. It does not restore contents of disks, disks plugged or unplugged,
-        trays, loaded modules, the clock, or other files that a test changed."""
+        trays, loaded modules, the clock, or other files that a test changed. keep_volumes: md
+        arrays and device-mapper volumes stay."""
         for daemon in self.daemons:
             daemon.end()
         self.daemons.clear()
         self.call("clean")
-        self.sh(_RESET)
+        self.sh(_RESET, KEEP_VOLUMES="yes" if keep_volumes else "")
 
 
 class Result:

@@ -23,10 +23,17 @@ def image_file(name):
     return os.path.join(cache_folder(), "guest-image", name)
 
 
+def as_root(argv):
+    """The command with root's rights, through sudo when somebody else runs this."""
+    if os.geteuid() == 0:
+        return argv
+    return ["sudo", "--preserve-env=QUARRYD_CACHE,XDG_CACHE_HOME,HOME,PATH,LC_ALL"] + argv
+
+
 @functools.cache
 def build_image():
     """Builds the guest image when it is missing or out of date."""
-    subprocess.run([os.path.join(HERE, "build_image")], check=True, stdin=subprocess.DEVNULL)
+    subprocess.run(as_root([os.path.join(HERE, "build_image")]), check=True)
 
 
 @functools.cache

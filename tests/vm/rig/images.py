@@ -35,8 +35,8 @@ class _Bench:
         inner = ('mount -t proc proc "$0/proc" && mount -t tmpfs run "$0/run" && mkdir "$0/run/rig" '
                  '&& cp "$2" "$0/run/rig/" && exec chroot "$0" /bin/bash -c "$1"')
         done = subprocess.run(
-            ["unshare", "-m", "/bin/sh", "-c", inner, self.tree, command,
-             os.path.join(host.HERE, "mkhfsplus.py")],
+            host.as_root(["unshare", "-m", "/bin/sh", "-c", inner, self.tree, command,
+                          os.path.join(host.HERE, "mkhfsplus.py")]),
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
             env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C"})
         if done.returncode:

@@ -1,8 +1,9 @@
-"""A FUSE server that answers for a while and never again: silent_fuse.py SOURCE MOUNTPOINT.
+"""A FUSE server that answers for a while and never again: silent_fuse.py SOURCE MOUNTPOINT [flush].
 
 Serves a folder with one file, "file". SIGUSR1 makes it fall silent: from then on it reads no
-request, so that whoever asks the filesystem for anything waits until the mount is gone. It prints
-"mounted" and "silent"."""
+request, so that whoever asks the filesystem for anything waits until the mount is gone. With
+"flush" it wants to be told of every close, so that a process with an open file cannot even die:
+the kernel waits for the answer. It prints "mounted" and "silent"."""
 import ctypes
 import errno
 import os
@@ -16,7 +17,8 @@ LOOKUP, FORGET, GETATTR, OPEN, READ, RELEASE, FLUSH = 1, 2, 3, 14, 15, 18, 25
 INIT, OPENDIR, READDIR, RELEASEDIR, BATCH_FORGET, ACCESS = 26, 27, 28, 29, 42, 34
 STATFS = 17
 
-source, mountpoint = sys.argv[1:]
+source, mountpoint = sys.argv[1:3]
+flush = sys.argv[3:] == ["flush"]
 silent = False
 
 
@@ -49,7 +51,7 @@ def reply(opcode, node, body):
         return b"x" * 100
     if opcode == STATFS:
         return struct.pack("<5Q4I24x", 0, 0, 0, 0, 0, 4096, 255, 4096, 0)
-    if opcode in (RELEASE, RELEASEDIR, FLUSH, ACCESS, READDIR):
+    if opcode in (RELEASE, RELEASEDIR, ACCESS, READDIR) or opcode == FLUSH and flush:
         return b""
     return -errno.ENOSYS
 
