@@ -301,7 +301,10 @@ def test_a_new_client_has_a_head_start_of_a_hundred_steps(machine):
 
 def test_a_request_that_waits_is_answered_in_the_pass_that_accepts_it(machine):
     daemon = machine.start(trace=SOCKET_CALLS)
-    machine.pass_of_loop()
+    with Frozen(daemon):
+        client = machine.connect()
+        client.send("bogus\n")
+    assert client.reply() == UNKNOWN
     machine.stop()
     [calls] = [calls for calls in passes(daemon) if "= -1" not in calls[0]]
     assert any("unknown" in line for line in calls)
@@ -508,6 +511,8 @@ def test_half_closed_in_the_middle_of_its_reply_it_is_removed(machine):
     base = socket_count(daemon)
     client = machine.connect()
     client.ask("bogus")
+    machine.pass_of_loop()
+    wait_until(lambda: socket_count(daemon) == base + 1)
     with Frozen(daemon):
         client.send("list\n")
         client.socket.shutdown(socket.SHUT_WR)

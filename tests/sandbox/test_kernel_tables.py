@@ -152,3 +152,73 @@ def test_the_first_of_two_mounts_of_a_device_counts(machine):
     assert not os.path.exists("/mnt/first")
     assert os.path.ismount("/mnt/second")
     assert "/mnt/second" not in daemon.stderr()
+
+
+# Lookups.
+
+
+@pytest.mark.parametrize(
+    "words, answer",
+    [
+        ("device /dev/sdb1", "yes"),
+        ("device /dev/sdb", "no"),
+        ("device sdb1", "no"),
+        ("mountpoint /mnt/sdb1", "yes"),
+        ("mountpoint /mnt/sdb1/", "no"),  # compared byte by byte
+        ("mountpoint /mnt/my\\040disk", "yes"),
+        ("device", "no"),
+    ],
+)
+def test_lookup_in_the_mount_table(machine, words, answer):
+    machine.mount_table(["/dev/sdb1 /mnt/sdb1 ext4", "/dev/sdc1 /mnt/my\\040disk vfat"])
+    assert machine.room("tables").ask(f"find {words}") == answer
+
+
+def test_unknown_category_is_reported(machine):
+    room = machine.room("tables")
+    assert room.ask("find dev x") == "no"
+    assert room.stderr() == "unknown category dev val x\n"
+
+
+def test_known_file_systems(machine):
+    write("/proc/filesystems", "nodev\tfuse\n\text4\n\text4 more\nNODEV\todd\nno tab\nnodev\t\n")
+    room = machine.room("tables")
+    for words, answer in (
+        ("fuse nodev", "yes"),
+        ("fuse drive", "no"),
+        ("ext4 drive", "yes"),
+        ("ext4 nodev", "no"),
+        ("odd drive", "yes"),  # any first column but "nodev"
+        ("tab drive", "no"),
+        ("no drive", "no"),
+        ("ext drive", "no"),
+    ):
+        assert room.ask(f"have {words}") == answer, words
+
+
+def test_file_systems_stay_known_when_the_list_vanishes(machine):
+    room = machine.room("tables")
+    os.unlink("/proc/filesystems")
+    room.ask("tables")
+    assert room.ask("have ext4 drive") == "yes"
+    assert room.stderr() == "Cannot read /proc/filesystems\n"
+
+
+@pytest.mark.parametrize("length, known", [(126, "yes"), (127, "yes"), (128, None), (5000, None)])
+def test_lines_of_the_file_system_list_up_to_127_bytes(machine, length, known):
+    """A longer line harms no other."""
+    name = "x" * (length - len("nodev\t"))
+    write("/proc/filesystems", f"nodev\t{name}\n\text4\n")
+    room = machine.room("tables")
+    assert room.ask("have ext4 drive") == "yes"
+    if known:
+        assert room.ask(f"have {name} nodev") == known
+
+
+def test_mounts_are_unknown_when_the_table_vanishes(machine):
+    machine.mount_table(["/dev/sdb1 /mnt/sdb1 ext4"])
+    room = machine.room("tables")
+    assert room.ask("find device /dev/sdb1") == "yes"
+    os.unlink("/proc/mounts")
+    room.ask("tables")
+    assert room.ask("find device /dev/sdb1") == "no"

@@ -198,18 +198,29 @@ class Machine(Drives):
         self.pass_of_loop()
 
     def pass_of_loop(self):
-        """Waits until the pass of the loop that is under way is over."""
-        assert self.ask("a pass") == "ERR unknown command\n"
+        """Waits until the pass of the loop that is under way is over: a pass takes in one client."""
+        for _ in range(2):
+            assert self.ask("a pass") == "ERR unknown command\n"
 
     def syslog(self):
         """The lines of the system log, without date and pid."""
-        with open(SYSLOG, errors="surrogateescape") as file:
-            lines = file.read().splitlines()
-        return [re.sub(r"^<\d+>.{15} |(?<=quarryd)\[\d+\]", "", line) for line in lines]
+        pattern = r"^<\d+>.{15} |(?<=quarryd)\[\d+\]"
+        return [re.sub(pattern, "", line) for line in self.raw_syslog()]
 
     def raw_syslog(self):
+        """The lines of the system log as they were sent, up to this moment."""
+        mark = f"mark {time.monotonic_ns()}"
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+            sender.connect("/dev/log")
+            sender.send(mark.encode())
+        lines = wait_until(lambda: self._log_up_to(mark), what="the system log")
+        return [line for line in lines if not line.startswith("mark ")]
+
+    @staticmethod
+    def _log_up_to(mark):
         with open(SYSLOG, errors="surrogateescape") as file:
-            return file.read().splitlines()
+            lines = file.read().splitlines()
+        return lines if mark in lines else None
 
     def _start_syslog(self):
         listener = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)

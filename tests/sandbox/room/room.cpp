@@ -86,6 +86,9 @@ static const std::map<std::string, std::function<const char *(const Words &)>> c
     {"tidy", [](const Words &) { return tidy_mnt(), "done"; }},
     // find CATEGORY VALUE
     {"find", [](const Words &words) { return answer(FindMount(words[1], words[2]) != nullptr); }},
+    // have TYPE nodev|drive
+    {"have",
+     [](const Words &words) { return answer(HaveFilesystem(words[1], words[2] == "nodev")); }},
 };
 
 static Words split(const std::string &line)

@@ -1,7 +1,7 @@
 """A process that holds on to something: --cwd DIR, --root DIR, --read FILE, --write FILE.
 
---ignore-term makes it deaf to SIGTERM, --stop puts it to sleep for good (SIGSTOP), --leave SECONDS
-makes it end by itself. Prints "ready" when it holds everything.
+--ignore-term makes it deaf to SIGTERM, --stop puts it to sleep for good (SIGSTOP). SIGUSR1 makes it
+leave in peace. Prints "ready" when it holds everything.
 """
 
 import os
@@ -10,7 +10,6 @@ import sys
 import time
 
 held = []
-seconds = 60.0
 stops = False
 words = sys.argv[1:]
 while words:
@@ -27,11 +26,10 @@ while words:
         held.append(os.open(words.pop(0), os.O_RDONLY))
     elif option == "--write":
         held.append(os.open(words.pop(0), os.O_WRONLY))
-    elif option == "--leave":
-        seconds = float(words.pop(0))
     else:
         sys.exit(f"what is {option}?")
+signal.signal(signal.SIGUSR1, lambda *_arguments: sys.exit(0))
 print("ready", flush=True)
 if stops:
     os.kill(os.getpid(), signal.SIGSTOP)
-time.sleep(seconds)
+time.sleep(60)
