@@ -55,7 +55,7 @@ def idle(vm, mode, seconds, rescan_now):
     time.sleep(seconds)
     after = read_counts(vm)
     if not daemon.alive():
-        raise SystemExit(f"the daemon has ended:\n{daemon.err()}")
+        raise RuntimeError(f"the daemon has ended:\n{daemon.err()}")
     return before, after
 
 

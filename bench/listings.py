@@ -68,7 +68,7 @@ def count_first_listing(report, step_singly):
             machine.content(name, made_up.swap_area(name))
         daemon = machine.start("--hotplug")
         watch = system_calls.Watch(daemon.pid, "openat", "readlinkat")
-        listing = machine.ask("list")
+        listing = machine.ask_patiently("list")
         lines = watch.stop()
         listing_bench = machine.install("listing_bench")
         together = made_up.output_of(listing_bench, "together", *asked)

@@ -18,6 +18,11 @@ class Report:
         """A value that must not be above its limit."""
         self.bounds.append((what, value, limit, unit))
 
+    def failed(self, name, why):
+        """A measurement that came to nothing counts as a broken bound."""
+        print(f"{name} could not be measured\n{why}", flush=True)
+        self.bound(f"failures of {name}", 1, 0)
+
     def finish(self):
         """Prints the table of bounds. The number of those that are broken."""
         broken = 0

@@ -32,8 +32,7 @@ def measure(drives, with_listings):
                 daemon.stop()
         if with_listings:
             for request in LISTINGS:
-                with machine.connect(timeout=120) as client:
-                    client.ask(request)
+                machine.ask_patiently(request)
             machine.settle()
             sizes.append(memory(daemon))
         return sizes
