@@ -200,7 +200,7 @@ static int open_anywhere(int directory_fd, const char *path, int flags, mode_t m
     int fd = -1;
     if (is_answered(Call::OPEN, fd) || is_refused(directory_fd, path))
         return fd;
-    if (machine && path[0] == '/')
+    if (machine)
         kernel.opened[path].push_back(flags);
     const std::string place = led_through_links(directory_fd, path);
     return checked_at_exec(__real_openat(directory_fd, place.c_str(), flags, mode), path);

@@ -107,7 +107,7 @@ public:
     // Calls since the last ForgetCalls().
     int Calls(Call call) const;
     int SystemCalls() const;                      // all of the above
-    int Opened(const std::string &path) const;    // opened by this absolute path
+    int Opened(const std::string &path) const;    // opened by these very words
     int OpenFlags(const std::string &path) const; // when it was opened last
     int TreeSteps() const;                        // steps that iterators made in ordered maps
     void ForgetCalls();
