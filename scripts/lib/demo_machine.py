@@ -38,13 +38,18 @@ PS1='\[\e[1m\]\h:\w\$\[\e[0m\] '
 alias ls='ls --color=auto' ll='ls -l'
 log() { tail -n 20 -f /var/log/quarryd.log; }
 start() {
-    setsid /usr/sbin/quarryd "$@" </dev/null >>/var/log/quarryd.log 2>&1 & disown
+    (setsid /usr/sbin/quarryd "$@" </dev/null >>/var/log/quarryd.log 2>&1 &)
     for _ in 1 2 3 4 5 6 7 8 9 10; do grep -q @quarryd /proc/net/unix && return; sleep 0.2; done
     tail -n 2 /var/log/quarryd.log; return 1
 }
 stop() {
     local pid; pid=$(pidof quarryd) || { echo "it is not running"; return 1; }
     kill -TERM $pid; while [ -e /proc/$pid ]; do sleep 0.1; done
+}
+sit() {
+    local part; part=$(lsblk -rno NAME,TRAN | sed -n '/ usb$/{s/ .*/1/p;q}')
+    mkdir -p /mnt/$part && mount /dev/$part /mnt/$part && (cd /mnt/$part && exec sleep 9999 &)
+    grep /mnt/ /proc/mounts; ps -o pid,args -C sleep
 }
 wish() { echo "$*" >/run/demo/wishes && cat /run/demo/answers; }
 pull() { wish pull "$@"; }
@@ -57,9 +62,9 @@ MOTD = """
     q list human             what is there              q help   what else can be asked
     q enumerate              the same by connection     q list   the same for programs
     pull stick, plug stick   take the USB stick out and put it back (or card, scsi, disk, dvd)
+    sit, then pull stick     mount it, put a process on it, pull it: see who is driven out
     log                      what the daemon says; Ctrl-C ends the reading
     stop, start --hotplug    end the daemon in order; start it again, with options
-    mkdir /mnt/{p} && mount /dev/{p} /mnt/{p} && (cd /mnt/{p}; sleep 999) & pull stick
 """
 
 
@@ -119,7 +124,7 @@ def shell(vm):
     vm.sh("source /root/.bashrc; start; q refresh")
     Wishes(vm)
     fit_terminal(vm)
-    vm.put("/run/motd", MOTD.format(p=vm.parts("stick")[0]))
+    vm.put("/run/motd", MOTD)
     console = socket.socket(socket.AF_UNIX)
     console.connect(vm.terminal_path)
     wake_read, wake_write = os.pipe()

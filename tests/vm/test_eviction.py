@@ -123,7 +123,7 @@ def test_what_cannot_be_driven_out(mounted):
     daemon = vm.daemon()
     began = time.monotonic()
     assert daemon.stop() == 0
-    assert 2 <= time.monotonic() - began < 6
+    assert 2 <= time.monotonic() - began < 15
     assert ("wait, cannot unmount /mnt/%s Device or resource busy\n"
             "yep. cannot force unmount /mnt/%s\n" % (first, first)) in daemon.err()
     mounts = vm.text("/proc/mounts")
@@ -141,7 +141,7 @@ def test_nfsx_spares_them(mounted):
     vm.request("list")
     began = time.monotonic()
     assert daemon.stop() == 0
-    assert time.monotonic() - began < 2
+    assert time.monotonic() - began < 10
     assert alive(vm, pid) and said_of(vm, pid) == []
     mounts = vm.text("/proc/mounts")
     assert "/mnt/%s " % first in mounts

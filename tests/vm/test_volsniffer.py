@@ -69,7 +69,7 @@ def test_empty_optical_drive_is_not_waited_for(fresh, id, open_tray):
         fresh.open_tray(id, force=True)
     began = time.monotonic()
     result = sniff(fresh, "/dev/" + fresh.node(id))
-    assert time.monotonic() - began < 2
+    assert time.monotonic() - began < 4
     assert (result.rc != 0, result.out) == (True, "")
     assert fresh.tray(id)["open"] == open_tray           # and it left the tray as it was
     if open_tray:
@@ -84,7 +84,7 @@ def test_listing_with_empty_trays(fresh):
     for request in ("list", "enumerate", "list human"):
         began = time.monotonic()
         assert fresh.request(request).endswith("OK  eom\n")
-        assert time.monotonic() - began < 3
+        assert time.monotonic() - began < 6
 
 
 def test_nothing_there(fresh):

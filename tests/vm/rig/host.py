@@ -18,11 +18,6 @@ def cache_folder():
     return os.environ.get("QUARRYD_CACHE") or os.path.join(base, "quarryd-tests")
 
 
-def image_file(name):
-    """Path of a part of the guest image: "vmlinux", "initrd", "root.img", "tree"."""
-    return os.path.join(cache_folder(), "guest-image", name)
-
-
 def as_root(argv):
     """The command with root's rights, through sudo when somebody else runs this."""
     if os.geteuid() == 0:
@@ -32,8 +27,19 @@ def as_root(argv):
 
 @functools.cache
 def build_image():
-    """Builds the guest image when it is missing or out of date."""
-    subprocess.run(as_root([os.path.join(HERE, "build_image")]), check=True)
+    """The folder of the guest image, which is built when there is none of these inputs. It is not
+    removed while this process lives."""
+    done = subprocess.run(as_root([os.path.join(HERE, "build_image")]), stdout=subprocess.PIPE,
+                          text=True, check=True)
+    folder = done.stdout.splitlines()[-1]
+    in_use = os.open(os.path.join(folder, "in-use"), os.O_RDONLY | os.O_CLOEXEC)
+    fcntl.flock(in_use, fcntl.LOCK_SH)
+    return folder
+
+
+def image_file(name):
+    """Path of a part of the guest image: "vmlinux", "initrd", "root.img", "tree"."""
+    return os.path.join(build_image(), name)
 
 
 @functools.cache

@@ -150,7 +150,7 @@ def op_console(q):
     """Starts a program on a terminal device as a session of its own. Job control works there."""
     fd = os.open(q["terminal"], os.O_RDWR | os.O_NOCTTY)
     try:
-        pid = spawn(["/usr/bin/setsid", "-c"] + q["argv"], stdin=fd, stdout=fd, stderr=fd,
+        pid = spawn(["/usr/bin/setsid", "-c", "-w"] + q["argv"], stdin=fd, stdout=fd, stderr=fd,
                     env=dict(CLEAN_ENV, **q.get("env", {})), cwd="/root")
     finally:
         os.close(fd)
