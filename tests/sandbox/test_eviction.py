@@ -557,7 +557,9 @@ def test_forced_unmount_reads_the_table_again(machine):
     assert not os.path.exists("/mnt/sdb1")
 
 
-@pytest.mark.parametrize("number, reported", [(errno.EINVAL, False), (errno.ENOENT, False), (errno.EPERM, True)])
+@pytest.mark.parametrize(
+    "number, reported", [(errno.EINVAL, False), (errno.ENOENT, False), (errno.EPERM, True)]
+)
 def test_swap_file_on_the_main_partition_is_switched_off_first(machine, number, reported):
     mounted_stick(machine)
     room = machine.room(

@@ -7,8 +7,9 @@ import time
 
 import pytest
 
+from machine.clients import wait_until
 from machine.drives import write
-from machine.machine import ANSWERS, PROBE, wait_until
+from machine.machine import ANSWERS, PROBE
 from machine.namespaces import REAL_PROBE
 
 
@@ -231,7 +232,8 @@ def test_refused_fork_marks_the_file_system(machine):
 
 
 def test_no_descriptor_and_no_child_is_left(machine):
-    programs = ["exit 0", "exit 1", "echo A; exec >&-; sleep 0.1", "kill -9 $$", "echo A; sleep 0.1"]
+    hasty = "echo A; exec >&-; sleep 0.1"
+    programs = ["exit 0", "exit 1", hasty, "kill -9 $$", "echo A; sleep 0.1"]
     for letter, program in zip("bcdef", programs):
         drive(machine, f"sd{letter}")
         machine.probe_runs(f"sd{letter}", program + "\n")

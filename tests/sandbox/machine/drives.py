@@ -56,7 +56,7 @@ class Drives:
     # Drives, by what they hang on. size is in bytes.
 
     def plug(self, kind, name, size, **keys):
-        """plug("usb", "sdb", 8 << 30, model="Stick"): any kind that has a method or a controller."""
+        """plug("usb", "sdb", 8 << 30, model="Stick"): a kind with a method or a controller."""
         if kind in CONTROLLERS:
             self._scsi(kind, name, size, **keys)
         else:

@@ -1,4 +1,4 @@
-"""The system calls that Python has no name for: namespaces, mounts, system call filters, inotify."""
+"""System calls that Python has no name for: namespaces, mounts, filters of calls, inotify."""
 
 import ctypes
 import os

@@ -9,7 +9,7 @@ import time
 
 from . import kernel, namespaces
 from .clients import Client, wait_until
-from .drives import Drives, link, write
+from .drives import Drives, write
 from .namespaces import DAEMON, REAL_PROC, ROOM
 
 PROBE = "/usr/bin/volsniffer"
@@ -198,7 +198,7 @@ class Machine(Drives):
         self.pass_of_loop()
 
     def pass_of_loop(self):
-        """Waits until the pass of the loop that is under way is over: a pass takes in one client."""
+        """Waits until the pass that is under way is over: each takes in one client at most."""
         for _ in range(2):
             assert self.ask("a pass") == "ERR unknown command\n"
 
@@ -365,7 +365,8 @@ class Daemon:
         )
 
     def last_words(self):
-        return f"status {self.process.poll()}\n--- stdout\n{self.stdout()}--- stderr\n{self.stderr()}"
+        status = f"status {self.process.poll()}\n"
+        return f"{status}--- stdout\n{self.stdout()}--- stderr\n{self.stderr()}"
 
     # What it is.
 
@@ -459,6 +460,3 @@ class Room(Daemon):
 def sleep(seconds):
     """Where a case must let time pass: said by name, so that it can be found."""
     time.sleep(seconds)
-
-
-__all__ = ["Machine", "Daemon", "wait_until", "sleep", "write", "link"]
