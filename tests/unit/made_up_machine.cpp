@@ -72,6 +72,8 @@ std::_Rb_tree_node_base *
 __real__ZSt18_Rb_tree_incrementPSt18_Rb_tree_node_base(std::_Rb_tree_node_base *);
 const std::_Rb_tree_node_base *
 __real__ZSt18_Rb_tree_incrementPKSt18_Rb_tree_node_base(const std::_Rb_tree_node_base *);
+void __real__Z11list_drivesRNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEi(std::string &,
+                                                                                  int);
 
 // Where the sanitizers write; absent in a build without them.
 void __sanitizer_set_report_fd(void *fd) __attribute__((weak));
@@ -540,6 +542,16 @@ __wrap__ZSt18_Rb_tree_incrementPKSt18_Rb_tree_node_base(const std::_Rb_tree_node
 {
     kernel.tree_steps++;
     return __real__ZSt18_Rb_tree_incrementPKSt18_Rb_tree_node_base(node);
+}
+
+// A command's body that a test can take the place of.
+void __wrap__Z11list_drivesRNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEi(
+    std::string &reply, int human)
+{
+    if (machine && machine->on_list)
+        machine->on_list(reply);
+    else
+        __real__Z11list_drivesRNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEi(reply, human);
 }
 
 // Calls that no room makes yet. Whoever adds one gives it a place above first.

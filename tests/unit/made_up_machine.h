@@ -127,6 +127,8 @@ public:
     // Stands for every program that is executed: called in the child, which then exits with 0.
     // Without it the program of that path on the machine is run.
     std::function<void(char *const *arguments)> on_exec;
+    // Stands for list_drives(): a command whose reply the test writes.
+    std::function<void(std::string &reply)> on_list;
     // The drives' driver.
     std::function<int(unsigned long request, void *argument)> on_ioctl;
     time_t now = 0; // the clock; 0: the real one

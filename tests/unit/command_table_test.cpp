@@ -1,0 +1,230 @@
+// Which command a request asks for, who may give it, and the short commands themselves.
+#include "protocol/command_table.h"
+
+#include <sys/socket.h>
+
+#include "base/daemon_state.h"
+#include "inspect/proc_partitions.h"
+#include "inspect/raid_members.h"
+#include "made_up_machine.h"
+#include "mount/mount_tables.h"
+#include "protocol/socket_connection.h"
+#include "registry/device_list.h"
+
+class CommandTable : public MadeUpMachineTest {
+protected:
+    // The reply to a request of this user; the connection is ready to send it.
+    static std::string Ask(const std::string &request, uid_t uid = 0)
+    {
+        SocketConnection connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "",
+                                    ucred{1, uid, uid});
+        connection.state = STATE_DISPATCHING;
+        connection.argc = split_request(request, connection.args);
+        EXPECT_EQ(dispatch_command(connection), 1);
+        EXPECT_EQ(connection.state, STATE_SENDING);
+        return connection.output;
+    }
+
+    void SetUp() override
+    {
+        for (const char *table : {"/proc/mounts", "/proc/filesystems", "/proc/partitions"})
+            machine.Write(table, "");
+    }
+};
+
+static const char plain_list[] =
+    "OK- v3 drive list follows (dev,type,connection,label,capacity,model,place,raid,filesystem)\n"
+    "OK  eom\n";
+static const char human_list[] = "OK- v3 user-friendly drive list follows "
+                                 "(dev,type,connection,label,capacity,model,place,filesystem)\n"
+                                 "OK  eom\n";
+
+// Words are compared exactly; what a command does not use is ignored.
+TEST_F(CommandTable, WordsAreComparedExactly)
+{
+    static const struct {
+        const char *request, *reply;
+    } cases[] = {
+        {"", "ERR no command given\n"},
+        {"    ", "ERR no command given\n"},
+        {"\"\"", "ERR unknown command\n"}, // an empty word is a word
+        {"LIST", "ERR unknown command\n"},
+        {"List", "ERR unknown command\n"},
+        {"lis", "ERR unknown command\n"},
+        {"lists", "ERR unknown command\n"},
+        {"\"list \"", "ERR unknown command\n"},
+        {"\tlist", "ERR unknown command\n"},
+        {"list", plain_list},
+        {"\"list\"", plain_list},
+        {"list human", human_list},
+        {"list user", human_list},
+        {"list human and more", human_list},
+        {"list all", plain_list},
+        {"list Human", plain_list},
+        {"list humans", plain_list},
+        {"list \"\"", plain_list},
+        {"list all human", plain_list},
+        {"enumerate", "OK- list follows\nOK  eom\n"},
+        {"enumerate human", "OK- list follows\nOK  eom\n"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(Ask(c.request), c.reply) << c.request;
+}
+
+// Everybody may ask for lists and help.
+TEST_F(CommandTable, AnybodyMayLook)
+{
+    schedule_uid = 1000;
+    for (uid_t uid : {0U, 1000U, 65534U, ~0U}) {
+        EXPECT_EQ(Ask("list", uid), plain_list);
+        EXPECT_EQ(Ask("enumerate", uid), "OK- list follows\nOK  eom\n");
+        EXPECT_TRUE(Ask("help", uid).starts_with("OK-Valid commands are\n"));
+    }
+}
+
+// The help is exact, and names neither notify, hotplug, poll nor polling, on purpose.
+TEST_F(CommandTable, HelpLeavesOutWhatIsNotForPeople)
+{
+    EXPECT_EQ(
+        Ask("help"),
+        "OK-Valid commands are\n"
+        "OK-\tlist - List all drives and partitions\n"
+        "OK-\tlist human - List all drives and partitions in a human readable format\n"
+        "OK-\tenumerate - List all drives and partitions according to how they are connected\n"
+        "OK-\tswapoff - Turn off swap file\n"
+        "OK-\tswapon - Turn on swap file\n"
+        "OK-\teject - Eject optical drive\n"
+        "OK-\tretract - Retract optical drive\n"
+        "OK-\trefresh - Force refresh the list of drives and partitions\n"
+        "OK-\tmount <how> <device> - Mount a device. 'how' = 'ro,rw,rudero' or to unmount "
+        "'off,rudeoff', 'device' = device name or ^label\n"
+        "OK-\tumount <device> - Unmount a device\n"
+        "OK \thelp - Show this help\n");
+    for (const char *word : {"notify", "hotplug", "poll"})
+        EXPECT_EQ(Ask("help").find(word), std::string::npos) << word;
+}
+
+// What this daemon cannot do yet is unknown to it, for root as well.
+TEST_F(CommandTable, CommandsOfOtherFloorsAreNotPretended)
+{
+    for (const char *request : {"mount rw sdb1", "umount sdb1", "eject sr0", "retract sr0",
+                                "swapon", "swapoff", "notify add sdb"})
+        EXPECT_EQ(Ask(request), "ERR unknown command\n") << request;
+}
+
+// Only root switches modes; the announcement is made, and nothing is read again at once.
+TEST_F(CommandTable, RootSwitchesModes)
+{
+    static const struct {
+        const char *request;
+        int before, after;
+        const char *reply, *announcement;
+    } cases[] = {
+        {"hotplug", 0, 1, "OK hotplug mode enabled\n", "Switching on Hotplug mode\n"},
+        {"hotplug", 1, 1, "OK hotplug mode enabled\n", "Switching on Hotplug mode\n"},
+        {"poll", 1, 0, "OK polling mode enabled\n", "Switching on Polling mode\n"},
+        {"polling", 1, 0, "OK polling mode enabled\n", "Switching on Polling mode\n"},
+        {"polling", 0, 0, "OK polling mode enabled\n", "Switching on Polling mode\n"},
+    };
+    for (const auto &c : cases) {
+        hotplug_mode = c.before;
+        EXPECT_EQ(Ask(c.request), c.reply);
+        EXPECT_EQ(hotplug_mode, c.after);
+        EXPECT_EQ(errors.Take(), c.announcement);
+    }
+    EXPECT_EQ(machine.Opened("/sys/block"), 0);
+}
+
+// Each command refuses in its own words, on purpose, whoever else asks; nothing happens then.
+TEST_F(CommandTable, RefusalsHaveTheirOwnWords)
+{
+    schedule_uid = 1000;
+    raid_members["sdb"] = true;
+    static const struct {
+        const char *request, *reply;
+    } cases[] = {
+        {"refresh", "ERR you must be root to do that\n"},
+        {"hotplug", "ERR authorization required\n"},
+        {"poll", "ERR authorization required\n"},
+        {"polling", "ERR authorization required\n"},
+    };
+    for (uid_t uid : {1U, 1000U, 65534U, ~0U}) {
+        for (const auto &c : cases) {
+            hotplug_mode = 7;
+            EXPECT_EQ(Ask(c.request, uid), c.reply) << uid;
+            EXPECT_EQ(hotplug_mode, 7);
+        }
+    }
+    EXPECT_EQ(errors.Take(), "");
+    EXPECT_EQ(machine.Opened("/sys/block"), 0);
+    EXPECT_TRUE(is_raid_member("sdb"));
+}
+
+// A refresh reads every table and /sys/block again, in either mode, and tells the members of arrays
+// anew.
+TEST_F(CommandTable, RefreshReadsEverythingAgain)
+{
+    std::string member(8192, '\0');
+    member.replace(0, 12, std::string("\xFC\x4E\x2B\xA9\x01\0\0\0\x02\0\0\0", 12));
+    for (const char *name : {"sdb", "sdc", "md0"})
+        machine.AddDrive(name, "8");
+    machine.AddPartition("sdb", "sdb1", "8");
+    UpdateBlockDeviceList();
+    errors.Take();
+    machine.Write("/dev/sdb1", member); // both have become members since
+    machine.Write("/dev/sdc", member);
+    machine.Link("/sys/block/md0/slaves/sdb1", "../../sdb/sdb1");
+    machine.AddDrive("sdd", "8");
+    machine.Write("/proc/mounts", "/dev/sda1 / ext4 rw 0 0\n");
+    machine.Write("/proc/filesystems", "\text4\n");
+    machine.Write("/proc/partitions", "8 0 1 sda\n");
+    raid_members = {{"sdb", true}, {"gone", true}};
+    for (int mode : {0, 1}) {
+        hotplug_mode = mode;
+        EXPECT_EQ(Ask("refresh"), "OK refreshed\n");
+        EXPECT_EQ(raid_members, (std::map<std::string, bool>{{"sdb1", true}, {"sdc", false}}));
+        EXPECT_TRUE(device_exists("sdd"));
+        EXPECT_EQ(mount_list.size() + fstab_list.size() + filesystems_list.size() +
+                      proc_partitions.size(),
+                  4U);
+        EXPECT_EQ(errors.Take(), mode == 0 ? "Device sdd just appeared (polling)\n" : "");
+    }
+}
+
+// Every known device is looked at for a superblock, in the order of names, drives first.
+TEST_F(CommandTable, RefreshLooksAtDrivesThenPartitions)
+{
+    for (const char *name : {"sdc", "sdb"})
+        machine.AddDrive(name, "8");
+    machine.AddPartition("sdb", "sdb1", "8");
+    UpdateBlockDeviceList();
+    errors.Take();
+    for (const char *name : {"/dev/sdb", "/dev/sdb1", "/dev/sdc"})
+        machine.Refuse(name, EIO);
+    Ask("refresh");
+    EXPECT_EQ(errors.Take(), "Unable to check sdb raid participation Input/output error\n"
+                             "Unable to check sdc raid participation Input/output error\n"
+                             "Unable to check sdb1 raid participation Input/output error\n");
+}
+
+// A command that leaves its reply empty is run again at each step until it has one.
+TEST_F(CommandTable, CommandWithoutReplyIsRunAgain)
+{
+    int runs = 0;
+    machine.on_list = [&](std::string &reply) {
+        if (++runs == 3)
+            reply = "OK at last";
+    };
+    SocketConnection connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "", ucred{1, 0, 0});
+    connection.state = STATE_DISPATCHING;
+    connection.argc = split_request("list", connection.args);
+    for (int step = 1; step <= 2; step++) {
+        EXPECT_EQ(connection.Step(), 1);
+        EXPECT_EQ(connection.state, STATE_DISPATCHING);
+        EXPECT_EQ(connection.output, ""); // no line end either
+        EXPECT_EQ(runs, step);
+    }
+    EXPECT_EQ(connection.Step(), 1);
+    EXPECT_EQ(connection.state, STATE_SENDING);
+    EXPECT_EQ(connection.output, "OK at last\n");
+}
