@@ -96,7 +96,7 @@ TEST_F(Configuration, FileOfCommentsIsAGoodOne)
 TEST_F(Configuration, LineOfMoreThan1023CharactersChangesNothing)
 {
     const std::string key = "swap name = ";
-    for (size_t size : {1022, 1023, 1024, 5000, 100000}) {
+    for (size_t size : {1022U, 1023U, 1024U, 5000U, 100000U}) {
         settings.swap_name = "old";
         const std::string value(size - key.size(), 'x');
         machine.Write("/etc/quarryd.conf", key + value + "\nstartup script = /start\n");

@@ -148,7 +148,7 @@ TEST_F(LabelProbe, GivesTheProgramItsStandardStreamsAndNoOthers)
 // One read, of at most 4095 bytes: what is behind that is not there.
 TEST_F(LabelProbe, ReadsAtMost4095Bytes)
 {
-    for (size_t size : {4094, 4095, 4096, 60000}) {
+    for (size_t size : {4094U, 4095U, 4096U, 60000U}) {
         Answer(std::string(size, 'x'));
         machine.ForgetCalls();
         EXPECT_EQ(Probe(), 1);

@@ -77,6 +77,12 @@ void __real__Z11list_drivesRNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE
 
 // Where the sanitizers write; absent in a build without them.
 void __sanitizer_set_report_fd(void *fd) __attribute__((weak));
+
+// Hundreds of children are forked: the less memory there is that awaits reuse, the faster.
+const char *__asan_default_options()
+{
+    return "quarantine_size_mb=8";
+}
 }
 
 // What a MadeUpMachine keeps out of its header.
@@ -450,14 +456,19 @@ int __wrap_swapoff(const char *path)
     return result;
 }
 
-void __wrap_syslog(int priority, const char *format, ...)
+static void note_log_line(int priority, const char *format, va_list values)
 {
     char text[2048];
+    vsnprintf(text, sizeof(text), format, values);
+    note_deed("log " + std::to_string(priority) + " " + text);
+}
+
+void __wrap_syslog(int priority, const char *format, ...)
+{
     va_list rest;
     va_start(rest, format);
-    vsnprintf(text, sizeof(text), format, rest);
+    note_log_line(priority, format, rest);
     va_end(rest);
-    note_deed("log " + std::to_string(priority) + " " + text);
 }
 
 int __wrap_socket(int family, int type, int protocol)
@@ -527,6 +538,48 @@ ssize_t __wrap_send(int fd, const void *data, size_t size, int flags)
 {
     ssize_t result;
     return is_answered(Call::SEND, result) ? result : __real_send(fd, data, size, flags);
+}
+
+// The same calls as a compiler makes them that checks the sizes of buffers (_FORTIFY_SOURCE). The
+// checks themselves are the sanitizer's business here.
+
+int __wrap___open_2(const char *path, int flags)
+{
+    return open_anywhere(AT_FDCWD, path, flags, 0);
+}
+
+int __wrap___openat_2(int directory_fd, const char *path, int flags)
+{
+    return open_anywhere(directory_fd, path, flags, 0);
+}
+
+ssize_t __wrap___read_chk(int fd, void *buffer, size_t size, size_t)
+{
+    return __wrap_read(fd, buffer, size);
+}
+
+ssize_t __wrap___readlink_chk(const char *path, char *buffer, size_t size, size_t)
+{
+    return __wrap_readlink(path, buffer, size);
+}
+
+ssize_t __wrap___readlinkat_chk(int directory_fd, const char *path, char *buffer, size_t size,
+                                size_t)
+{
+    return __wrap_readlinkat(directory_fd, path, buffer, size);
+}
+
+ssize_t __wrap___recv_chk(int fd, void *buffer, size_t size, size_t, int flags)
+{
+    return __wrap_recv(fd, buffer, size, flags);
+}
+
+void __wrap___syslog_chk(int priority, int, const char *format, ...)
+{
+    va_list rest;
+    va_start(rest, format);
+    note_log_line(priority, format, rest);
+    va_end(rest);
 }
 
 // The steps of iterators through std::map, which the language's library takes out of line.

@@ -57,12 +57,12 @@ TEST(MountLine, CountsUpTo511Characters)
 {
     const std::string head = "/dev/sdb1 /mnt/sdb1 ext4 ";
     MountEntry entry;
-    for (size_t size : {510, 511, 512, 513, 5000}) {
+    for (size_t size : {510U, 511U, 512U, 513U, 5000U}) {
         EXPECT_TRUE(parse_mount_line(head + std::string(size - head.size(), 'o'), entry)) << size;
         ASSERT_EQ(entry.options.size(), 1U);
         EXPECT_EQ(entry.options[0].size(), std::min<size_t>(size, 511) - head.size()) << size;
     }
-    for (size_t size : {511, 512, 5000}) {
+    for (size_t size : {511U, 512U, 5000U}) {
         const std::string tail = " ext4";
         const std::string mountpoint = "/" + std::string(size - 11 - tail.size(), 'm');
         const bool fits = size <= 511;
@@ -337,7 +337,7 @@ TEST_F(MountTables, SortsFilesystemTypes)
 // 127 characters of a line count, the column and the tab included.
 TEST_F(MountTables, FilesystemLineCountsUpTo127Characters)
 {
-    for (size_t size : {126, 127, 128, 1000}) {
+    for (size_t size : {126U, 127U, 128U, 1000U}) {
         machine.Write("/proc/filesystems", "\t" + std::string(size - 1, 'f') + "\nnodev\t" +
                                                std::string(size - 6, 'n') + "\n" +
                                                std::string(size, ' ') + "\tx\n");

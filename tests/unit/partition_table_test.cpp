@@ -76,9 +76,9 @@ TEST_F(PartitionTableTest, DescribesEachTypeOfAMasterBootRecord)
 {
     for (unsigned type = 1; type < 256; type++) {
         const char *words = nullptr;
-        for (unsigned dos : {0x01, 0x04, 0x06, 0x0B, 0x0C, 0x0E})
+        for (unsigned dos : {0x01U, 0x04U, 0x06U, 0x0BU, 0x0CU, 0x0EU})
             words = type == dos ? " DOS/Windows" : words;
-        for (unsigned extended : {0x05, 0x0F})
+        for (unsigned extended : {0x05U, 0x0FU})
             words = type == extended ? " extended" : words;
         words = type == 0x83 ? " Linux" : words;
         words = type == 0xFD ? " RAID" : words;
@@ -142,7 +142,7 @@ TEST_F(PartitionTableTest, RefusesARecordWithoutItsSignature)
 TEST_F(PartitionTableTest, NeedsAWholeFirstSector)
 {
     const std::string sector = boot_record({{0, 0x83}});
-    for (size_t size : {0, 1, 510, 511}) {
+    for (size_t size : {0U, 1U, 510U, 511U}) {
         WriteDrive(sector.substr(0, size));
         EXPECT_EQ(Read(), Entries()) << size;
     }

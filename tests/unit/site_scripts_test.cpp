@@ -111,7 +111,7 @@ TEST_F(SiteScripts, WhatIsNoProgramIsPassedOver)
 TEST_F(SiteScripts, AnyExecuteBitWillDo)
 {
     int runs = 0;
-    for (mode_t mode : {0100, 0010, 0001}) {
+    for (mode_t mode : {0100U, 0010U, 0001U}) {
         machine.SetMode("/etc/stop", mode);
         run_shutdown();
         EXPECT_EQ(machine.Calls(Call::FORK), ++runs);

@@ -169,7 +169,7 @@ TEST(SectorsToBytes, ReadsAnyNotationOfC)
 // A whole file comes whole, however large, and byte for byte.
 TEST_F(SmallFiles, ReadsAWholeFile)
 {
-    for (size_t size : {0, 1, 16383, 16384, 16385, 100000}) {
+    for (size_t size : {0U, 1U, 16383U, 16384U, 16385U, 100000U}) {
         std::string content(size, 'x');
         if (size > 1)
             content[size / 2] = '\0';

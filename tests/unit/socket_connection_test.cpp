@@ -346,7 +346,7 @@ TEST_F(SocketConnectionTest, SendErrorIsTold)
 // though it left unread requests behind.
 TEST_F(SocketConnectionTest, ClientThatGoesUnheardIsFound)
 {
-    for (size_t unread : {0, 1, 16384, 100000}) {
+    for (size_t unread : {0U, 1U, 16384U, 100000U}) {
         if (client < 0)
             SetUp();
         Say(std::string(unread, 'x'));
