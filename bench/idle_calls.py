@@ -55,7 +55,8 @@ def refresh_need(drives):
 
 
 def need(mode, drives, seconds, passes, rescans):
-    """The calls that the work of so many seconds needs, by name."""
+    """The calls that the work of so many seconds needs, by name. Passes that a busy machine was too
+    slow for are not needed, and more than there should be are not either."""
     total = times(min(passes, PASSES_A_SECOND * seconds), PASS)
     total += times(seconds, TABLES) + times(seconds / 5, HOUSEKEEPING)
     if mode == "polling":
