@@ -7,8 +7,8 @@ need_packages() {
     _missing=
     for _package in "$@"; do
         _state=$(dpkg-query -W -f '${db:Status-Status} ' "$_package" 2>/dev/null) || _state=
-        case "$_state" in
-        *"installed "*) ;;
+        case " $_state" in
+        *" installed "*) ;; # and not "not-installed"
         *) _missing="$_missing $_package" ;;
         esac
     done
@@ -30,7 +30,7 @@ need_packages() {
     # shellcheck disable=SC2086
     if ! { $_sudo apt-get -qq update &&
         $_sudo env DEBIAN_FRONTEND=noninteractive \
-            apt-get -qq -y --no-install-recommends install $_missing </dev/null; } >&2; then
+            apt-get -qq -y -o Dpkg::Use-Pty=0 --no-install-recommends install $_missing </dev/null; } >&2; then
         echo "error: apt-get could not install:$_missing" >&2
         return 1
     fi
