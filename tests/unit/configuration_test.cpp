@@ -70,6 +70,28 @@ TEST_F(Configuration, BlanksCountAtTheEndsOnly)
     }
 }
 
+// The three that people stumble upon.
+TEST_F(Configuration, IndentedKeyIsAnotherKey)
+{
+    machine.Write("/etc/quarryd.conf", " swap name = swap.img\n");
+    EXPECT_TRUE(read_configuration());
+    EXPECT_EQ(settings.swap_name, "");
+}
+
+TEST_F(Configuration, BlanksBehindAValueBelongToIt)
+{
+    machine.Write("/etc/quarryd.conf", "swap name = swap.img  \n");
+    EXPECT_TRUE(read_configuration());
+    EXPECT_EQ(settings.swap_name, "swap.img  ");
+}
+
+TEST_F(Configuration, CommentBehindAValueBelongsToIt)
+{
+    machine.Write("/etc/quarryd.conf", "swap name = swap.img # a comment\n");
+    EXPECT_TRUE(read_configuration());
+    EXPECT_EQ(settings.swap_name, "swap.img # a comment");
+}
+
 // A key that comes twice has its last value.
 TEST_F(Configuration, LastValueOfAKeyCounts)
 {

@@ -305,6 +305,26 @@ TEST_F(DeviceList, WithoutSysBlockNothingHappens)
     EXPECT_EQ(partdev_list["sdb1"]->poll_mark, 0);
 }
 
+// A record that cannot be found again right after it was put into its map stops the daemon, in
+// words that tell which map.
+using DeviceListDeathTest = DeviceList;
+TEST_F(DeviceListDeathTest, RecordThatGetsLostStopsTheDaemon)
+{
+    AddStick();
+    EXPECT_DEATH(
+        {
+            machine.LoseInsertions(blockdev_list);
+            UpdateBlockDeviceList();
+        },
+        "Assertion `li != blockdev_list.end\\(\\)' failed");
+    EXPECT_DEATH(
+        {
+            machine.LoseInsertions(partdev_list);
+            UpdateBlockDeviceList();
+        },
+        "Assertion `pi != partdev_list.end\\(\\)' failed");
+}
+
 // A list of drives, or of partitions, that breaks off proves nothing about those behind the break.
 TEST_F(DeviceList, ListThatBreaksOffRemovesNothing)
 {

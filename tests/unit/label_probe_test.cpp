@@ -52,7 +52,7 @@ protected:
 TEST_F(LabelProbe, TakesLabelAndFilesystemOutOfTheAnswer)
 {
     static const struct {
-        std::string answer;
+        const char *answer;
         const char *label;
         const char *filesystem;
     } cases[] = {
@@ -81,7 +81,28 @@ TEST_F(LabelProbe, TakesLabelAndFilesystemOutOfTheAnswer)
         {"DATA\nfilesystem\n   \n\t\nno colon\n:\n: x\n  filesystem: xfs\n", "DATA", "xfs"},
         {"DATA\n  uuid: 1234-ABCD\n  filesystem: fat\n  version: FAT32\n", "DATA", "fat"},
         {"DATA\r\n  filesystem: fat\r\n", "DATA\r", "fat\r"},
-        {"DA\0TA\n  filesystem: fat\n"s, "DA", " "}, // the text ends at a NUL
+    };
+    for (const auto &c : cases) {
+        label = "old label";
+        filesystem = " ";
+        parse_probe_answer(c.answer, label, &filesystem);
+        EXPECT_EQ(label, c.label) << c.answer;
+        EXPECT_EQ(filesystem, c.filesystem) << c.answer;
+    }
+}
+
+// The same through the program, up to a NUL, at which a text ends.
+TEST_F(LabelProbe, AsksTheProgramAndTakesItsAnswer)
+{
+    static const struct {
+        std::string answer;
+        const char *label;
+        const char *filesystem;
+    } cases[] = {
+        {"DATA\n  filesystem: ext3\n", "DATA", "ext3"},
+        {"DATA\n", "DATA", " "},
+        {"", "", " "},
+        {"DA\0TA\n  filesystem: fat\n"s, "DA", " "},
     };
     for (const auto &c : cases) {
         Answer(c.answer);

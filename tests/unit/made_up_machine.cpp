@@ -37,6 +37,7 @@ namespace fs = std::filesystem;
 // The linker's option --wrap gives these names: a call of open() becomes one of __wrap_open(), and
 // __real_open() is the C library's.
 extern "C" {
+unsigned __real_alarm(unsigned);
 int __real_accept4(int, sockaddr *, socklen_t *, int);
 int __real_bind(int, const sockaddr *, socklen_t);
 int __real_chdir(const char *);
@@ -72,6 +73,8 @@ std::_Rb_tree_node_base *
 __real__ZSt18_Rb_tree_incrementPSt18_Rb_tree_node_base(std::_Rb_tree_node_base *);
 const std::_Rb_tree_node_base *
 __real__ZSt18_Rb_tree_incrementPKSt18_Rb_tree_node_base(const std::_Rb_tree_node_base *);
+void __real__ZSt29_Rb_tree_insert_and_rebalancebPSt18_Rb_tree_node_baseS0_RS_(
+    bool, std::_Rb_tree_node_base *, std::_Rb_tree_node_base *, std::_Rb_tree_node_base &);
 void __real__Z11list_drivesRNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEi(std::string &,
                                                                                   int);
 
@@ -597,6 +600,17 @@ __wrap__ZSt18_Rb_tree_incrementPKSt18_Rb_tree_node_base(const std::_Rb_tree_node
     return __real__ZSt18_Rb_tree_incrementPKSt18_Rb_tree_node_base(node);
 }
 
+// What puts a node into a map, whose root is a part of it.
+void __wrap__ZSt29_Rb_tree_insert_and_rebalancebPSt18_Rb_tree_node_baseS0_RS_(
+    bool is_left, std::_Rb_tree_node_base *node, std::_Rb_tree_node_base *parent,
+    std::_Rb_tree_node_base &root)
+{
+    if (machine && &root >= machine->losing_map && &root < machine->losing_map_end)
+        return;
+    __real__ZSt29_Rb_tree_insert_and_rebalancebPSt18_Rb_tree_node_baseS0_RS_(is_left, node, parent,
+                                                                             root);
+}
+
 // A command's body that a test can take the place of.
 void __wrap__Z11list_drivesRNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEi(
     std::string &reply, int human)
@@ -662,6 +676,17 @@ static void forget_the_daemons_state()
     init_connection_types();
 }
 
+// A test that waits for what never comes ends the run, by name.
+static void give_up_waiting(int)
+{
+    const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
+    printf("%s.%s takes too long\n", test ? test->test_suite_name() : "", test ? test->name() : "");
+    fflush(stdout);
+    abort();
+}
+
+static const unsigned test_seconds = 60;
+
 // In memory where the system has a place for that: some machines have thousands of files.
 static std::string place_for_machines()
 {
@@ -686,10 +711,13 @@ MadeUpMachine::MadeUpMachine() : old_directory_(__real_open(".", O_PATH | O_CLOE
         MakeDirectory(folder);
     Link("/dev/null", "/dev/null");
     machine = this;
+    signal(SIGALRM, give_up_waiting);
+    __real_alarm(test_seconds);
 }
 
 MadeUpMachine::~MadeUpMachine()
 {
+    __real_alarm(0);
     forget_the_daemons_state();
     machine = nullptr;
     for (pid_t child : children) {

@@ -104,6 +104,14 @@ public:
     // Opening this path, or asking for its status, fails from now on.
     void Refuse(const std::string &path, int error);
 
+    // From now on what is put into this ordered map gets lost.
+    template <typename Map>
+    void LoseInsertions(const Map &map)
+    {
+        losing_map = &map;
+        losing_map_end = &map + 1;
+    }
+
     // Calls since the last ForgetCalls().
     int Calls(Call call) const;
     int SystemCalls() const;                      // all of the above
@@ -132,6 +140,9 @@ public:
     // The drives' driver.
     std::function<int(unsigned long request, void *argument)> on_ioctl;
     time_t now = 0; // the clock; 0: the real one
+
+    const void *losing_map = nullptr; // see LoseInsertions()
+    const void *losing_map_end = nullptr;
 
 private:
     std::string root_;
