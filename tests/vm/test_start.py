@@ -22,7 +22,7 @@ Quarryd storage daemon v2.0
     ("--help", USAGE), ("-help", USAGE), ("---help", USAGE),
     ("-?", "Unknown switch ?\n"), ("--bogus", "Unknown switch bogus\n"), ("--", "Unknown switch \n"),
     ("foo", "Unknown parameter foo\n"), ("help", "Unknown parameter help\n"),
-])
+], ids=lambda text: text if text.startswith("-") or len(text) < 5 else "")
 def test_options_refused(fresh, argument, said):
     """Help and unknown arguments are answered on standard error alone, with status 1, before
     anything is touched."""
@@ -136,7 +136,7 @@ def test_descriptors_and_environment(fresh):
         return sorted(fresh.sh("cd /proc/%d/fd && for n in *; do echo $n $(readlink $n); done"
                                % daemon.pid).out.splitlines())
     before = descriptors()
-    for _ in range(20):
+    for _ in range(5):
         fresh.request("list")
         fresh.request("enumerate")
     time.sleep(1.2)

@@ -31,8 +31,9 @@ def sniff(vm, path):
 def test_every_filesystem_by_the_daemons_word(fresh):
     """The probe names each filesystem in the daemon's vocabulary, with its label on the first
     line."""
-    for n, (kind, _, word, label) in enumerate(KINDS):
-        result = sniff(fresh, "/dev/" + fresh.parts("all")[n])
+    parts = fresh.parts("all")
+    for part, (kind, _, word, label) in zip(parts, KINDS):
+        result = sniff(fresh, "/dev/" + part)
         lines = result.out.splitlines()
         assert (kind, result.rc, lines[0]) == (kind, 0, label)
         values = [line.split(":", 1)[1].strip() for line in lines[1:]

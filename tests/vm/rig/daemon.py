@@ -23,7 +23,7 @@ class DaemonControl:
         own (to bind made-up files over /sys/block and the like; see sh(ns=...)). pipe: its
         streams are pipes instead."""
         if conf is None:
-            self.sh("rm -f /etc/quarryd.conf")
+            self.call("remove", path="/etc/quarryd.conf")
         else:
             self.put("/etc/quarryd.conf", conf)
         base = self._next_daemon_base()

@@ -34,10 +34,7 @@ class FileSystems:
         name = self.node(id)
 
         def look():
-            out = self.sh("cd /sys/block/%s && for p in %s*; do [ -e $p/partition ] && echo "
-                          "$(cat $p/partition) $p; done; true" % (name, name)).out
-            return [p for _, p in sorted((int(n), p) for n, p in map(str.split, out.splitlines()))]
-
+            return next((row["parts"] for row in self._rows() if row["name"] == name), [])
         if not count:
             return look()
         return self.wait_until(lambda: (lambda rows: rows if len(rows) >= count else None)(look()),

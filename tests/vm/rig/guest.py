@@ -4,21 +4,6 @@ import time
 
 from .errors import CommandError, RigError
 
-# Ends what tests left: mounts, swap, md and dm devices, the daemon's files.
-_RESET = r"""
-swapoff -a 2>/dev/null
-tac /proc/mounts | while read -r dev dir rest; do
-  case $dir in /mnt/*) umount -l "$(printf '%b' "$dir")";; esac; done
-find /mnt -xdev -mindepth 1 -delete
-rm -rf /var/quarryd /etc/quarryd.conf /sbin/hotplug /etc/hotplug.d
-if [ -z "$KEEP_VOLUMES" ]; then
-  for d in /sys/block/dm-*; do [ -e "$d" ] && { dmsetup remove_all; break; }; done
-  for d in /sys/block/md*; do [ -e "$d" ] && mdadm -q --stop "/dev/${d##*/}"; done
-fi
-tar -C / --keep-directory-symlink -xf /run/rig/stage.tar
-: >/run/rig/syslog
-true"""
-
 
 class Guest:
     """The part of a VM that talks to its agent. Uses self.agent."""
@@ -98,15 +83,14 @@ class Guest:
         return self.text("/run/rig/syslog").splitlines()
 
     def reset(self, keep_volumes=False):
-        """Ends what tests left: daemons, background commands, mounts, swap, files. For a machine
-        shared by tests. It does not restore contents of disks, disks plugged or unplugged,
-        trays, loaded modules, the clock, or other files that a test changed. keep_volumes: md
-        arrays and device-mapper volumes stay."""
+        """Ends what tests left: daemons, background commands, mounts, swap, the files they put
+        (what was there before is put back). For a machine shared by tests. It does not restore
+        contents of disks, disks plugged or unplugged, trays, loaded modules, the clock, or files
+        that commands changed. keep_volumes: md arrays and device-mapper volumes stay."""
         for daemon in self.daemons:
             daemon.end()
         self.daemons.clear()
-        self.call("clean")
-        self.sh(_RESET, KEEP_VOLUMES="yes" if keep_volumes else "")
+        self.call("reset", volumes=not keep_volumes)
 
 
 class Result:

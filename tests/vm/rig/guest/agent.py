@@ -8,6 +8,7 @@ import base64
 import ctypes
 import json
 import os
+import shutil
 import signal
 import socket
 import sys
@@ -21,6 +22,8 @@ from agent_children import read_all  # noqa: E402
 
 PORT = "/dev/vport0p1"
 SYSLOG = "/run/rig/syslog"
+MNT_DETACH = 2
+libc = ctypes.CDLL(None)
 
 
 class Syslog(threading.Thread):
@@ -40,10 +43,18 @@ class Syslog(threading.Thread):
                 f.write(data.rstrip(b"\n\0").replace(b"\n", b"\\n") + b"\n")
 
 
+_before = {}          # path of a file that op_put made -> what was there before, or None
+
+
 def op_put(q):
     """Makes or replaces a file, in pieces; the last one gives it its name."""
     path = q["path"]
     os.makedirs(os.path.dirname(path) or "/", exist_ok=True)
+    if path not in _before:
+        _before[path] = None
+        if os.path.lexists(path):
+            _before[path] = "/run/rig/before-%d" % len(_before)
+            shutil.copy2(path, _before[path], follow_symlinks=False)
     new = path + ".rig-new"
     first = q.get("offset", 0) == 0
     fd = os.open(new, os.O_WRONLY | os.O_CREAT | (os.O_TRUNC if first else os.O_APPEND), 0o600)
@@ -52,6 +63,46 @@ def op_put(q):
     if q.get("last", True):
         os.chmod(new, q.get("mode", 0o644))
         os.rename(new, path)
+    return {}
+
+
+def remove(path):
+    """Removes a file or a folder with all that is in it, if it is there."""
+    if os.path.isdir(path) and not os.path.islink(path):
+        shutil.rmtree(path)
+    elif os.path.lexists(path):
+        os.unlink(path)
+
+
+def op_remove(q):
+    remove(q["path"])
+    return {}
+
+
+def op_reset(q):
+    """Ends what tests left: shell commands, mounts below /mnt, swap, the files they put and the
+    daemon's own; with "volumes" md arrays and device-mapper volumes too."""
+    agent_children.end_sessions()
+    for line in reversed(read_all("/proc/mounts").splitlines()):
+        place = os.fsdecode(line.split()[1]).encode().decode("unicode_escape")
+        if place.startswith("/mnt/"):
+            libc.umount2(place.encode("latin-1"), MNT_DETACH)
+    for line in read_all("/proc/swaps").splitlines()[1:]:
+        libc.swapoff(line.split()[0])
+    for path, before in _before.items():
+        remove(path)
+        if before:
+            shutil.move(before, path)
+    _before.clear()
+    for path in ["/var/quarryd"] + ["/mnt/" + name for name in os.listdir("/mnt")]:
+        remove(path)
+    open(SYSLOG, "wb").close()
+    names = os.listdir("/sys/block") if q.get("volumes") else []
+    if any(name.startswith("dm-") for name in names):
+        agent_children.op_sh({"cmd": "dmsetup remove_all"})
+    for name in names:
+        if name.startswith("md"):
+            agent_children.op_sh({"cmd": "mdadm -q --stop /dev/" + name})
     return {}
 
 
@@ -78,12 +129,15 @@ def op_get(q):
 
 
 def op_blocks(q):
-    """Every whole block device: name, sysfs path, size, ATA port. Reads nothing from the drives."""
+    """Every whole block device: name, sysfs path, size, ATA port, and its partitions by number.
+    Reads nothing from the drives."""
     rows = []
     for name in sorted(os.listdir("/sys/block")):
         real = os.path.realpath("/sys/block/" + name)
-        row = {"name": name, "path": real, "port": "",
-               "size": int(read_all("/sys/block/%s/size" % name) or b"0") * 512}
+        parts = [(int(read_all(real + "/" + part + "/partition") or b"0"), part)
+                 for part in os.listdir(real) if part.startswith(name)]
+        row = {"name": name, "path": real, "port": "", "parts": [p for n, p in sorted(parts) if n],
+               "size": int(read_all(real + "/size") or b"0") * 512}
         ata = [p for p in real.split("/") if p.startswith("ata") and p[3:].isdigit()]
         if ata:
             up = real[:real.index("/" + ata[0] + "/")] + "/" + ata[0]
@@ -94,7 +148,7 @@ def op_blocks(q):
 
 def op_poweroff(q):
     os.sync()
-    ctypes.CDLL(None).reboot(0x4321FEDC)
+    libc.reboot(0x4321FEDC)
     return {}
 
 
