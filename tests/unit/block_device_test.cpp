@@ -112,6 +112,7 @@ TEST_F(BlockDeviceTest, DeletesItsPartitionTable)
     dispose(drive);
 }
 
+// Any row can follow any other, and none.
 TEST_F(BlockDeviceTest, SetConnectionStoresTheRow)
 {
     BlockDevice drive("sda");

@@ -52,6 +52,7 @@ TEST_F(BootDrive, IsUnknownWithoutADeviceNode)
     }
 }
 
+// That it is unknown is told, once.
 TEST_F(BootDrive, UnknownOneIsTold)
 {
     detect_boot_drive();

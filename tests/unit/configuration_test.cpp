@@ -70,7 +70,7 @@ TEST_F(Configuration, BlanksCountAtTheEndsOnly)
     }
 }
 
-// The three that people stumble upon.
+// A blank before a key makes another key of it.
 TEST_F(Configuration, IndentedKeyIsAnotherKey)
 {
     machine.Write("/etc/quarryd.conf", " swap name = swap.img\n");
@@ -78,6 +78,7 @@ TEST_F(Configuration, IndentedKeyIsAnotherKey)
     EXPECT_EQ(settings.swap_name, "");
 }
 
+// What stands behind a value is a part of it: blanks,
 TEST_F(Configuration, BlanksBehindAValueBelongToIt)
 {
     machine.Write("/etc/quarryd.conf", "swap name = swap.img  \n");
@@ -85,6 +86,7 @@ TEST_F(Configuration, BlanksBehindAValueBelongToIt)
     EXPECT_EQ(settings.swap_name, "swap.img  ");
 }
 
+// and what looks like a comment.
 TEST_F(Configuration, CommentBehindAValueBelongsToIt)
 {
     machine.Write("/etc/quarryd.conf", "swap name = swap.img # a comment\n");

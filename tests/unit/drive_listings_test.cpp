@@ -330,6 +330,7 @@ TEST_F(DriveListings, ListLearnsWhatIsUnknown)
     EXPECT_EQ(Probed(), Words());
 }
 
+// So it is in the form for people,
 TEST_F(DriveListings, HumanListLearnsToo)
 {
     AddDrive("sdb", usb).filesystem = "";
@@ -337,6 +338,7 @@ TEST_F(DriveListings, HumanListLearnsToo)
     EXPECT_EQ(Probed(), Words({"/dev/sdb"}));
 }
 
+// and in the list by groups.
 TEST_F(DriveListings, EnumerateLearnsToo)
 {
     BlockDevice &drive = AddDrive("sdb", usb);

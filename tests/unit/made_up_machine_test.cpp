@@ -52,6 +52,7 @@ TEST_F(MadeUp, HarmIsWrittenDownAndNotDone)
               Deeds({kill_line, kill_line, "umount /none", "swapoff /none", "sleep 1000"}));
 }
 
+// A call that the machine does not know must not slip through to the real one.
 TEST(MadeUpDeathTest, CallsWithoutAPlaceEndTheTests)
 {
     EXPECT_DEATH(mount("/none", "/none", "none", 0, nullptr), "mount\\(\\) would reach the real");

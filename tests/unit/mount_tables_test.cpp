@@ -291,6 +291,7 @@ TEST_F(MountTables, SecondTablesMessagesNameFstab)
     EXPECT_EQ(fstab_list.size(), 0U); // it is empty
 }
 
+// Look-ups in the second table are exact and take the first match, like those in the first.
 TEST_F(MountTables, FindsInTheSecondTable)
 {
     machine.Write("/proc/mounts",
@@ -361,6 +362,7 @@ TEST_F(MountTables, UnreadableFilesystemsKeepTheLists)
     EXPECT_TRUE(HaveFilesystem("ext4", 0));
 }
 
+// A reading leaves nothing of the one before, not even when there is nothing to read.
 TEST_F(MountTables, ReplacesFilesystemLists)
 {
     machine.Write("/proc/filesystems", "nodev\tfuse\n\text4\n");

@@ -46,6 +46,7 @@ TEST_F(Options, LastModeWins)
     EXPECT_EQ(errors.Take(), "");
 }
 
+// Force at exit is allowed unless it is forbidden.
 TEST_F(Options, NfsxForbidsForce)
 {
     Parse({"--hotplug"});

@@ -91,6 +91,7 @@ TEST_F(PartitionTableTest, DescribesEachTypeOfAMasterBootRecord)
     }
 }
 
+// A type is written as two digits, large letters among them.
 TEST_F(PartitionTableTest, TypeNumbersAreTwoUpperCaseDigits)
 {
     WriteDrive(boot_record({{0, 0x0b}, {0, 0xfd}}));

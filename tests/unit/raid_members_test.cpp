@@ -35,6 +35,7 @@ TEST_F(RaidMembers, MembersAreKnownByTheirBareName)
     EXPECT_FALSE(is_raid_member("sd"));
 }
 
+// A forgotten name is no member, and can be forgotten again.
 TEST_F(RaidMembers, ForgettingIsFinalAndHarmless)
 {
     raid_members["sdb"] = true;

@@ -40,6 +40,7 @@ TEST_F(SiteScripts, StartScriptIsNotWaitedFor)
     WaitForStartScript();
 }
 
+// Its only argument is "-startup", and its alarm is set before it begins.
 TEST_F(SiteScripts, StartScriptHasItsArgumentAndAlarm)
 {
     run_startup();

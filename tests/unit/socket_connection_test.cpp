@@ -142,6 +142,7 @@ TEST(SplitRequest, CutsAtBlanksAndHonoursQuotes)
     }
 }
 
+// There is no limit to the number of words.
 TEST(SplitRequest, TakesAHundredThousandWords)
 {
     std::string line;

@@ -165,6 +165,7 @@ TEST_F(SysfsProbe, IdeDrive)
     EXPECT_EQ(Probe("hdc").connection, &connection_types[CONNECTION_IDE]);
 }
 
+// A namespace's model is followed by its serial number.
 TEST_F(SysfsProbe, NvmeNamespace)
 {
     machine.Write("/sys/block/nvme0n1/device/model", "Fast One\n");
@@ -177,6 +178,7 @@ TEST_F(SysfsProbe, NvmeNamespace)
     EXPECT_EQ(drive.capacity, 512000U);
 }
 
+// A card and a volume have their names elsewhere.
 TEST_F(SysfsProbe, CardAndVolume)
 {
     machine.Write("/sys/block/mmcblk0/device/name", "SD32G\n");
