@@ -274,6 +274,20 @@ TEST_F(ControlSocket, ClientThatWentBeforeItWasMet)
     EXPECT_EQ(open_descriptors().size(), descriptors_before.size() + 1);
 }
 
+// A client may have a path of its own, up to the last byte that an address holds.
+TEST_F(ControlSocket, ClientWithAPathIsServed)
+{
+    ASSERT_TRUE(init_socket());
+    for (size_t length : {60U, 107U, 108U}) {
+        const int client = machine.Connect(length);
+        ASSERT_GE(client, 0);
+        Say(client, "nonsense\n");
+        serve_control_socket();
+        EXPECT_EQ(Hear(client), unknown) << length;
+        close(client);
+    }
+}
+
 // Without credentials there is no connection: the client is turned away, with a line.
 TEST_F(ControlSocket, ClientWithoutCredentialsIsTurnedAway)
 {

@@ -878,10 +878,19 @@ std::vector<std::string> MadeUpMachine::Deeds(const std::string &beginning) cons
     return deeds;
 }
 
-int MadeUpMachine::Connect() const
+int MadeUpMachine::Connect(size_t path_length) const
 {
     const int fd = __real_socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     socklen_t length;
+    if (path_length > 0) {
+        sockaddr_un own = {};
+        own.sun_family = AF_UNIX;
+        std::string path = root_ + "/";
+        path.resize(path_length, 'c');
+        memcpy(own.sun_path, path.data(), path.size());
+        length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+        EXPECT_EQ(__real_bind(fd, reinterpret_cast<const sockaddr *>(&own), length), 0);
+    }
     const sockaddr_un address = stand_in_address(length);
     if (connect(fd, reinterpret_cast<const sockaddr *>(&address), length) == 0)
         return fd;

@@ -127,8 +127,9 @@ public:
     std::vector<std::string> Deeds() const;
     std::vector<std::string> Deeds(const std::string &beginning) const;
 
-    // A client's end of a connection to the daemon's socket.
-    int Connect() const;
+    // A client's end of a connection to the daemon's socket, or -1. With a length the client's
+    // socket has a path, of so many characters.
+    int Connect(size_t path_length = 0) const;
 
     // Called at each deed, in the process that does it.
     std::function<void(const std::string &deed)> on_deed;
