@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <ctime>
 #include <functional>
 #include <initializer_list>
@@ -20,6 +19,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "printed.h"
 
 // The calls that are counted and that can be given answers.
 enum class Call {
@@ -148,23 +149,6 @@ public:
 private:
     std::string root_;
     int old_directory_;
-};
-
-// What is written to a standard stream while the object lives, from children too.
-class Printed {
-public:
-    explicit Printed(FILE *stream);
-    ~Printed();
-    Printed(const Printed &) = delete;
-    Printed &operator=(const Printed &) = delete;
-
-    // What was printed since the last call.
-    std::string Take();
-
-private:
-    FILE *stream_;
-    int saved_fd_;
-    int memory_fd_;
 };
 
 // The descriptors that this process has open.
