@@ -18,12 +18,6 @@ PartitionTable::PartitionTable(const std::string &path) : path_(path)
 {
 }
 
-PartitionTable::~PartitionTable()
-{
-    if (fd_ >= 0)
-        close(fd_);
-}
-
 int PartitionTable::Read()
 {
     entries.clear();

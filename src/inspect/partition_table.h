@@ -11,7 +11,6 @@ class PartitionTable {
 public:
     // path is the drive's device node, "/dev/sda". Nothing is opened yet.
     explicit PartitionTable(const std::string &path);
-    ~PartitionTable();
     PartitionTable(const PartitionTable &) = delete;
     PartitionTable &operator=(const PartitionTable &) = delete;
 
