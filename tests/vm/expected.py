@@ -20,7 +20,8 @@ class Row:
 
     def __init__(self, dev, type, connection, label, capacity, model, filesystem, parent=None):
         self.dev, self.type, self.connection, self.label = dev, type, connection, label
-        self.capacity, self.model, self.filesystem, self.parent = capacity, model, filesystem, parent
+        self.capacity, self.model, self.filesystem = capacity, model, filesystem
+        self.parent = parent
         self.place = self.raid = ""
 
 

@@ -25,8 +25,9 @@ class DeadMount:
         vm.put("/run/rig/silent_fuse.py",
                open(os.path.join(HERE, "troublemakers", "silent_fuse.py")).read())
         vm.sh("modprobe fuse; [ -e /dev/fuse ] || mknod /dev/fuse c 10 229; mkdir /mnt/" + name)
-        self.server = vm.sh("rm -f /run/rig/fuse.log; python3 /run/rig/silent_fuse.py /dev/%s /mnt/%s %s "
-                            ">/run/rig/fuse.log 2>&1 & echo $!" % (name, name, flush)).out.strip()
+        self.server = vm.sh("rm -f /run/rig/fuse.log; python3 /run/rig/silent_fuse.py /dev/%s "
+                            "/mnt/%s %s >/run/rig/fuse.log 2>&1 & echo $!"
+                            % (name, name, flush)).out.strip()
         self._wait_for("mounted")
         vm.sh("cat /mnt/%s/file >/dev/null" % name)       # the kernel learns if closes are told
         self.folder_holder = vm.sh("cd /mnt/%s && exec sleep 1000 & echo $!" % name).out.strip()
@@ -59,7 +60,8 @@ def test_loop_and_housekeeping_go_on(vm, name):
     process's descriptors."""
     mount_good(vm)
     DeadMount(vm, vm.node("dead") if name == "dead" else name)
-    vm.sh("cd /mnt && mkdir old1 old2 zzz && ln -s gone ^GONE && touch -d '20 sec ago' old1 old2 zzz")
+    vm.sh("cd /mnt && mkdir old1 old2 zzz && ln -s gone ^GONE && "
+          "touch -d '20 sec ago' old1 old2 zzz")
     daemon = vm.daemon()
     began = time.monotonic()
     rounds = 0

@@ -117,8 +117,8 @@ def test_what_cannot_be_driven_out(mounted):
     """A mount that is busy without any process on it is tried twice, two seconds apart, and given
     up; the others are unmounted all the same."""
     vm, first, second, whole = mounted
-    vm.sh("modprobe loop; truncate -s 8M /mnt/%s/image && mkfs.ext4 -q /mnt/%s/image && mkdir -p /srv/inner && "
-          "mount -o loop /mnt/%s/image /srv/inner" % (first, first, first))
+    vm.sh("cd /mnt/%s && modprobe loop && truncate -s 8M image && mkfs.ext4 -q image && "
+          "mkdir -p /srv/inner && mount -o loop image /srv/inner" % first)
     daemon = vm.daemon()
     began = time.monotonic()
     assert daemon.stop() == 0

@@ -104,6 +104,21 @@ def test_repartitioned_drive(fresh):
     fresh.unplug("table")
 
 
+def test_apple_partition_map(fresh):
+    """The partitions of an Apple map carry its names and types; the map's last entry is not looked
+    at, so that the last partition carries none."""
+    fresh.plug(Disk("virtio-scsi", 16 << 20, id="apple"))
+    daemon = fresh.daemon()
+    parts = fresh.partition("apple", "apm", [("4M", "Apple_HFS"), (None, "Apple_UNIX_SVR2")])
+    daemon.wait_err("Device %s just appeared (polling)\n" % parts[-1])
+    daemon.stop()
+    fresh.daemon()                         # reads the map as it finds the drive
+    models = dict(re.findall(r"^OK- \t\t(\S+)\tPartition\tSCSI\t[^\t]*\t\d+\t([^\t]*)\t",
+                             fresh.request("list"), re.M))
+    assert [models[p] for p in parts] == ["Apple, Apple_partition_map", "part1, Apple_HFS", ""]
+    fresh.unplug("apple")
+
+
 def mount(vm, part, link=None):
     """Mounts a partition where the daemon would, with the link of its label."""
     vm.sh("mkdir -p /mnt/%s && mount /dev/%s /mnt/%s" % (part, part, part))

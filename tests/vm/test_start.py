@@ -20,7 +20,8 @@ Quarryd storage daemon v2.0
 
 @pytest.mark.parametrize("argument, said", [
     ("--help", USAGE), ("-help", USAGE), ("---help", USAGE),
-    ("-?", "Unknown switch ?\n"), ("--bogus", "Unknown switch bogus\n"), ("--", "Unknown switch \n"),
+    ("-?", "Unknown switch ?\n"), ("--bogus", "Unknown switch bogus\n"),
+    ("--", "Unknown switch \n"),
     ("foo", "Unknown parameter foo\n"), ("help", "Unknown parameter help\n"),
 ], ids=lambda text: text if text.startswith("-") or len(text) < 5 else "")
 def test_options_refused(fresh, argument, said):
@@ -117,7 +118,8 @@ def test_users_that_are_missing(fresh):
 
 def test_last_mode_option_wins(fresh):
     """Of --hotplug and --polling the last one counts, with any number of dashes."""
-    for args, mode in ((["--hotplug", "--polling"], "Polling"), (["-polling", "-hotplug"], "Hotplug")):
+    for args, mode in ((["--hotplug", "--polling"], "Polling"),
+                       (["-polling", "-hotplug"], "Hotplug")):
         daemon = fresh.daemon(args)
         assert daemon.out().startswith(mode + " mode enabled\n")
         assert [line for line in daemon.err().splitlines() if line.startswith("Unknown")] == [

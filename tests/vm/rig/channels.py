@@ -137,7 +137,7 @@ class Agent:
         if "error" not in reply:
             return reply
         if reply.get("errno") == errno.ECONNREFUSED:
-            raise ConnectionRefusedError(errno.ECONNREFUSED, "nobody listens on the daemon's socket")
+            raise ConnectionRefusedError(reply["errno"], "nobody listens on the daemon's socket")
         if reply.get("errno"):
             raise GuestError(reply["errno"], "%s (guest, %s)" % (reply["error"], op))
         raise RigError("guest, %s: %s" % (op, reply["error"]))

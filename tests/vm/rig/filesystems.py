@@ -21,7 +21,7 @@ class FileSystems:
         for size, kind in parts:
             fields = []
             if size is not None:
-                fields.append("size=%s" % ("%dKiB" % (size >> 10) if isinstance(size, int) else size))
+                fields.append("size=" + ("%dKiB" % (size >> 10) if isinstance(size, int) else size))
             if kind:
                 fields.append("type=%s" % kind)
             lines.append(", ".join(fields) or ",")

@@ -195,7 +195,7 @@ class Hardware:
         slot.node = "drive-" + slot.disk.id
         text = "if=none,id=%s" % slot.node
         if slot.path is not None:
-            text += ",cache=unsafe,format=raw,file=%s,file.locking=off" % slot.path.replace(",", ",,")
+            text += ",cache=unsafe,format=raw,file.locking=off,file=" + slot.path.replace(",", ",,")
         return text
 
     # ------------------------------------------------------------- places

@@ -32,8 +32,9 @@ class _Bench:
         return self
 
     def run(self, command):
-        inner = ('mount -t proc proc "$0/proc" && mount -t tmpfs run "$0/run" && mkdir "$0/run/rig" '
-                 '&& cp "$2" "$0/run/rig/" && exec chroot "$0" /bin/bash -c "$1"')
+        inner = ('mount -t proc proc "$0/proc" && mount -t tmpfs run "$0/run" && '
+                 'mkdir "$0/run/rig" && cp "$2" "$0/run/rig/" && '
+                 'exec chroot "$0" /bin/bash -c "$1"')
         done = subprocess.run(
             host.as_root(["unshare", "-m", "/bin/sh", "-c", inner, self.tree, command,
                           os.path.join(host.HERE, "mkhfsplus.py")]),

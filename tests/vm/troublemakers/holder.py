@@ -3,12 +3,9 @@
     cwd            its working directory is in the folder
     file           a file in the folder is open for reading
     root           its root directory is in the folder
-    mapped         a file in the folder is mapped into memory, its descriptor closed (not a hold
-                   that the daemon looks for: keep it apart from the others)
     stubborn       as cwd, and it ignores SIGTERM
     stopped        as file, and it stops itself
 """
-import mmap
 import os
 import signal
 import sys
@@ -16,15 +13,10 @@ import time
 
 how, folder = sys.argv[1:]
 path = os.path.join(folder, "held-" + how)
-keep = []
-if how in ("file", "stopped", "mapped"):
+if how in ("file", "stopped"):
     with open(path, "wb") as f:
         f.write(b"x" * 4096)
-    fd = os.open(path, os.O_RDONLY)
-    keep.append(fd)
-    if how == "mapped":
-        keep.append(mmap.mmap(fd, 4096, prot=mmap.PROT_READ))
-        os.close(fd)
+    os.open(path, os.O_RDONLY)
 elif how == "root":
     os.chroot(folder)
 else:
