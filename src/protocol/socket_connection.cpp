@@ -122,11 +122,12 @@ int SocketConnection::HandleResponse()
     }
     if (errno == EAGAIN)
         return 1; // counts as work, on purpose: no sleep while a reply waits to go out
+    const bool is_deaf = errno == EPIPE || errno == ECONNRESET;
     fprintf(stderr, "HandleResponse: some other error than EWOULDBLOCK? %s\n", strerror(errno));
-    // What the client sent before it went would hide the end of its stream for ever: nothing else
+    // What a client sent before it went would hide the end of its stream for ever: nothing else
     // reads while a reply is being sent.
     char unread[16384];
-    if (recv(fd, unread, sizeof(unread), MSG_DONTWAIT | MSG_NOSIGNAL) == 0)
+    if (is_deaf && recv(fd, unread, sizeof(unread), MSG_DONTWAIT | MSG_NOSIGNAL) == 0)
         closed = true;
     return 0;
 }

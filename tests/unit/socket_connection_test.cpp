@@ -329,9 +329,11 @@ TEST_F(SocketConnectionTest, SendThatReturnsZeroCloses)
     EXPECT_EQ(errors.Take(), "");
 }
 
-// Any other failure to send is told; the connection waits for its end.
+// Any other failure to send is told; the connection waits for its end. What the client has said in
+// the meantime is its next request.
 TEST_F(SocketConnectionTest, SendErrorIsTold)
 {
+    Say("help\n");
     connection->state = STATE_SENDING;
     connection->output = "OK\n";
     machine.Script(Call::SEND, {fails(ENOBUFS)});
@@ -341,6 +343,9 @@ TEST_F(SocketConnectionTest, SendErrorIsTold)
     EXPECT_FALSE(connection->closed);
     EXPECT_EQ(connection->HandleResponse(), 1);
     EXPECT_EQ(Hear(), "OK\n");
+    EXPECT_EQ(connection->HandleResponse(), 1);
+    EXPECT_EQ(connection->HandleInput(), 1);
+    EXPECT_EQ(connection->input, "help");
 }
 
 // A client that goes while its reply is being sent raises no signal, and is found to be gone
