@@ -30,7 +30,7 @@ const char *Directory::NextName()
         buffer_.reset(new char[buffer_size]);
     if (position_ >= filled_) {
         ssize_t got = getdents64(fd_.Get(), buffer_.get(), buffer_size);
-        failed_ = got < 0;
+        failed_ = got < 0 && errno != ENOENT; // removed meanwhile: no more names
         if (got <= 0)
             return nullptr;
         filled_ = static_cast<size_t>(got);

@@ -342,6 +342,22 @@ TEST_F(DeviceList, ListThatBreaksOffRemovesNothing)
     EXPECT_EQ(Drives().size() + Partitions().size(), 3U);
 }
 
+// A drive whose folder is removed while it is read keeps nobody from seeing that another has gone.
+TEST_F(DeviceList, DriveThatGoesWhileItIsReadHidesNoOther)
+{
+    AddStick();
+    machine.AddDrive("sdc", "8");
+    UpdateBlockDeviceList();
+    Said();
+    machine.Remove("/sys/block/sdc");
+    machine.Script(Call::GETDENTS, {really, fails(ENOENT)}); // the drives, then what is in sdb
+    UpdateBlockDeviceList();
+    EXPECT_EQ(Said(), Words({"Device sdb1 just disappeared (polling)",
+                             "Device sdb2 just disappeared (polling)",
+                             "Device sdc just disappeared (polling)"}));
+    EXPECT_EQ(Drives(), Words({"sdb"})); // listed still; the next poll will see
+}
+
 // A poll costs at most six calls a drive and three a partition, however many there are.
 TEST_F(DeviceList, PollCostsSixCallsADriveAndThreeAPartition)
 {

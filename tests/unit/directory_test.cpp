@@ -92,6 +92,16 @@ TEST_F(DirectoryTest, TellsABreakFromTheEnd)
     EXPECT_FALSE(directory.HasFailed());
 }
 
+// A directory that is removed while it is read has no more names: that is its end.
+TEST_F(DirectoryTest, RemovedDirectoryIsAtItsEnd)
+{
+    machine.MakeDirectory("/sys/block/sdb");
+    Directory directory(AT_FDCWD, "/sys/block/sdb");
+    machine.Remove("/sys/block/sdb");
+    EXPECT_EQ(directory.NextName(), nullptr);
+    EXPECT_FALSE(directory.HasFailed());
+}
+
 // After Rewind() the names come again, as they are then, also in the middle of a list.
 TEST_F(DirectoryTest, RewindsToAFreshReading)
 {
