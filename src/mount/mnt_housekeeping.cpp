@@ -18,7 +18,7 @@
 
 static const char mnt[] = "/mnt";
 static const time_t quiet_seconds = 15; // somebody may be about to mount on a fresh directory
-static const int pieces_limit = 4096;   // of a path that goes round in links
+static const int links_limit = 40;      // on one way; the kernel follows no more either
 
 // Takes a status from what the kernel knows by itself.
 static int status_without_waiting(int directory_fd, const char *name, struct statx &status)
@@ -54,9 +54,8 @@ static bool may_never_answer(const std::string &fstype)
                        [&](const char *beginning) { return fstype.starts_with(beginning); });
 }
 
-// Whether a path (without links in it) lies on a mount that may never answer: it is there, as far
-// as anybody can tell without waiting.
-static bool is_beyond_asking(const std::string &path)
+// The mount that a path (without links in it) lies on, or null.
+static const MountEntry *mount_of(const std::string &path)
 {
     const std::string listed = as_in_mount_table(path);
     const MountEntry *innermost = nullptr;
@@ -68,46 +67,81 @@ static bool is_beyond_asking(const std::string &path)
         if (is_inside && (!innermost || point.size() >= innermost->mountpoint.size()))
             innermost = &entry;
     }
-    return innermost && may_never_answer(innermost->fstype);
+    return innermost;
 }
 
-// Follows one piece of a path: resolved is the way so far, without links; rest is what is to be
-// followed still, and receives the target of a link. False when the piece is not there.
-static bool follow(std::string &resolved, const std::string &piece, std::string &rest)
+// Whether a path (without links in it) lies on a mount that may never answer: it is there, as far
+// as anybody can tell without waiting. The mount that /mnt itself is on has just been asked.
+static bool is_beyond_asking(const std::string &path)
 {
-    const std::string next = resolved + "/" + piece;
+    const MountEntry *mount = mount_of(path);
+    return mount && may_never_answer(mount->fstype) && mount != mount_of(mnt);
+}
+
+// A way that is followed piece by piece.
+struct Way {
+    std::string resolved;     // what is behind, without links; empty at the root
+    std::string rest;         // what is still ahead, from a slash on; a link puts its target here
+    int links = 0;            // followed so far
+    bool may_be_file = false; // resolved: nothing has been asked yet that only a directory has
+};
+
+static std::string take_piece(std::string &rest)
+{
+    const size_t end = std::min(rest.find('/', 1), rest.size());
+    const std::string piece = rest.substr(1, end - 1);
+    rest.erase(0, end);
+    return piece;
+}
+
+// Goes on to "." or to "..", or past a slash that nothing follows: each is there in a directory
+// only.
+static bool follow_dots(Way &way, const std::string &dots)
+{
+    struct statx status;
+    if (way.may_be_file && status_without_waiting(AT_FDCWD, way.resolved.c_str(), status) == 0 &&
+        !S_ISDIR(status.stx_mode))
+        return false;
+    way.may_be_file = false;
+    if (dots == ".." && !way.resolved.empty())
+        way.resolved.erase(way.resolved.rfind('/'));
+    return true;
+}
+
+// Goes on to a name. False when it is not there.
+static bool follow_name(Way &way, const std::string &next)
+{
     errno = 0;
     const std::string target = read_link_at(AT_FDCWD, next.c_str(), PATH_MAX);
-    if (!target.empty()) {
-        if (target.starts_with('/'))
-            resolved.clear();
-        rest = target + "/" + rest;
-        return true;
+    way.may_be_file = target.empty();
+    if (target.empty()) {
+        way.resolved = next;
+        return errno != ENOENT && errno != ENOTDIR && errno != ELOOP && errno != ENAMETOOLONG;
     }
-    resolved = next;
-    return errno != ENOENT && errno != ENOTDIR && errno != ELOOP && errno != ENAMETOOLONG;
+    const bool is_absolute = target.starts_with('/');
+    if (is_absolute)
+        way.resolved.clear();
+    way.rest.insert(0, is_absolute ? target : "/" + target);
+    return ++way.links <= links_limit;
 }
 
 // Whether a link of /mnt leads nowhere. Goes piece by piece, so as to stop before a filesystem that
 // may not answer; in doubt the link leads somewhere.
 static bool is_dangling(const char *name)
 {
-    std::string resolved;
-    std::string rest = std::string(mnt) + "/" + name;
-    int pieces = 0;
-    while (!rest.empty()) {
-        const size_t slash = rest.find('/');
-        const std::string piece = rest.substr(0, slash);
-        rest.erase(0, slash == std::string::npos ? slash : slash + 1);
-        if (piece.empty() || piece == ".")
-            continue;
-        if (piece == "..") {
-            resolved.erase(resolved.empty() ? 0 : resolved.rfind('/'));
+    Way way;
+    way.rest = std::string(mnt) + "/" + name;
+    while (!way.rest.empty()) {
+        const std::string piece = take_piece(way.rest);
+        if (piece.empty() || piece == "." || piece == "..") {
+            if (!follow_dots(way, piece))
+                return true;
             continue;
         }
-        if (is_beyond_asking(resolved + "/" + piece))
+        const std::string next = way.resolved + "/" + piece;
+        if (is_beyond_asking(next))
             return false;
-        if (!follow(resolved, piece, rest) || ++pieces > pieces_limit)
+        if (!follow_name(way, next))
             return true;
     }
     return false;
