@@ -1,6 +1,7 @@
 // Running the start and the stop script.
 #include "core/site_scripts.h"
 
+#include <algorithm>
 #include <cassert>
 #include <csignal>
 #include <string>
@@ -15,19 +16,22 @@
 static const unsigned startup_seconds = 30;
 static const unsigned shutdown_seconds = 5;
 
+ScriptArguments script_arguments(std::initializer_list<const char *> words)
+{
+    ScriptArguments arguments = {};
+    assert(words.size() < arguments.size());
+    std::copy(words.begin(), words.end(), arguments.begin());
+    return arguments;
+}
+
 // The child becomes the script. Returns what fork() returned.
 static pid_t start_script(const std::string &path, const char *argument, unsigned seconds)
 {
-    const char *arguments[4];
-    size_t count = 0;
-    for (const char *word : {path.c_str(), argument, static_cast<const char *>(nullptr)}) {
-        assert(count < sizeof(arguments) / sizeof(arguments[0]));
-        arguments[count++] = word;
-    }
+    const ScriptArguments arguments = script_arguments({path.c_str(), argument});
     const pid_t child = fork_child();
     if (child == 0) {
         alarm(seconds);
-        execv(path.c_str(), const_cast<char *const *>(arguments));
+        execv(path.c_str(), const_cast<char *const *>(arguments.data()));
         _exit(1);
     }
     return child;

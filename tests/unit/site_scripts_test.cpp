@@ -143,3 +143,19 @@ TEST_F(SiteScripts, RefusedForkIsSilent)
     EXPECT_EQ(machine.Calls(Call::WAITPID), 0);
     EXPECT_EQ(errors.Take(), "");
 }
+
+// A script's words, and null behind them.
+TEST(ScriptArgumentVector, EndsInNull)
+{
+    EXPECT_EQ(script_arguments({}), ScriptArguments());
+    EXPECT_EQ(script_arguments({"/etc/start", "-startup"}),
+              (ScriptArguments{"/etc/start", "-startup", nullptr, nullptr}));
+    EXPECT_EQ(script_arguments({"a", "b", "c"}), (ScriptArguments{"a", "b", "c", nullptr}));
+}
+
+// One word more would leave no room for the null: that is a bug, and told as one.
+TEST(ScriptArgumentVectorDeathTest, FourWordsAreABug)
+{
+    EXPECT_DEATH(script_arguments({"a", "b", "c", "d"}),
+                 "Assertion `words.size\\(\\) < arguments.size\\(\\)' failed");
+}
