@@ -17,14 +17,9 @@ std::list<std::string> filesystems_nodev_list;
 static const size_t mount_line_limit = 511;
 static const size_t filesystem_line_limit = 127;
 
-// Where the tables are read into: once a second for the life of the daemon, so the room is kept.
+// Where the tables are read into: once a second for the life of the daemon, so the room is kept. A
+// table whose reading broke off is as good as none.
 static std::string table_text;
-
-// Fills table_text. A table whose reading broke off is as good as none.
-static int read_table(const char *path)
-{
-    return read_whole_file(path, table_text);
-}
 
 bool parse_mount_line(std::string_view line, MountEntry &entry)
 {
@@ -44,7 +39,7 @@ bool parse_mount_line(std::string_view line, MountEntry &entry)
 void ReadProcMounts()
 {
     mount_list.clear();
-    if (!read_table("/proc/mounts")) {
+    if (!read_whole_file("/proc/mounts", table_text)) {
         fprintf(stderr, "Cannot access /proc/mounts\n");
         return;
     }
@@ -121,7 +116,7 @@ void ReadFstab()
     }
     fstab_mtime = status.st_mtime; // compared with nothing: the kernel's table has no useful time
     fstab_list.clear();
-    if (!read_table("/proc/mounts")) {
+    if (!read_whole_file("/proc/mounts", table_text)) {
         fprintf(stderr, "Cannot access /etc/fstab\n");
         return;
     }
@@ -147,7 +142,7 @@ FstabEntry *FindFstab(const std::string &category, const std::string &value)
 
 void ReadProcFilesystems()
 {
-    if (!read_table("/proc/filesystems")) {
+    if (!read_whole_file("/proc/filesystems", table_text)) {
         fprintf(stderr, "Cannot read /proc/filesystems\n");
         return;
     }

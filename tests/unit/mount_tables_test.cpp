@@ -146,6 +146,13 @@ TEST_F(MountTables, TableThatBreaksOffIsNone)
     ReadProcMounts();
     EXPECT_EQ(errors.Take(), "Cannot access /proc/mounts\n");
     EXPECT_EQ(mount_list.size(), 0U);
+
+    ReadFstab();
+    ASSERT_EQ(fstab_list.size(), 1U);
+    machine.Script(Call::READ, {really, fails(EIO)});
+    ReadFstab();
+    EXPECT_EQ(errors.Take(), "Cannot access /etc/fstab\n");
+    EXPECT_EQ(fstab_list.size(), 0U);
 }
 
 // The first of several mounts is found, which is the earliest; comparison is exact.
@@ -360,6 +367,19 @@ TEST_F(MountTables, UnreadableFilesystemsKeepTheLists)
     EXPECT_EQ(errors.Take(), "Cannot read /proc/filesystems\n");
     EXPECT_TRUE(HaveFilesystem("fuse", 1));
     EXPECT_TRUE(HaveFilesystem("ext4", 0));
+}
+
+// Half a list of types is not put in the place of a whole one.
+TEST_F(MountTables, FilesystemsThatBreakOffKeepTheLists)
+{
+    machine.Write("/proc/filesystems", "nodev\tfuse\n\text4\n");
+    ReadProcFilesystems();
+    machine.Write("/proc/filesystems", "\tvfat\n" + std::string(20000, '\n'));
+    machine.Script(Call::READ, {really, fails(EIO)});
+    ReadProcFilesystems();
+    EXPECT_EQ(errors.Take(), "Cannot read /proc/filesystems\n");
+    EXPECT_EQ(filesystems_nodev_list, Names({"fuse"}));
+    EXPECT_EQ(filesystems_list, Names({"ext4"}));
 }
 
 // A reading leaves nothing of the one before, not even when there is nothing to read.
