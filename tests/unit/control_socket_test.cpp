@@ -333,6 +333,85 @@ TEST_F(ControlSocket, StalledClientHoldsUpNobody)
     close(other);
 }
 
+// One that closes its side while its reply goes out is gone, with what it has not got yet.
+TEST_F(ControlSocket, HalfClosedWhileItsReplyIsSentIsGone)
+{
+    ASSERT_TRUE(init_socket());
+    machine.on_list = [](std::string &reply) { reply.assign(5000000, 'x'); };
+    const int client = machine.Connect();
+    Say(client, "list\n");
+    EXPECT_TRUE(serve_control_socket());
+    shutdown(client, SHUT_WR);
+    EXPECT_FALSE(serve_control_socket());
+    EXPECT_EQ(open_descriptors().size(), descriptors_before.size() + 2);
+    const std::string heard = Hear(client);
+    EXPECT_TRUE(heard.starts_with("xxx"));
+    EXPECT_TRUE(heard.ends_with("x(end)"));
+    EXPECT_LT(heard.size(), 5000000U);
+    EXPECT_EQ(errors.Take(), "");
+    close(client);
+}
+
+// One that does not want to hear any more of its reply keeps its connection, does not keep the
+// loop busy, and is found to be gone in the end, whatever it said before.
+TEST_F(ControlSocket, DeafClientHoldsUpNobody)
+{
+    ASSERT_TRUE(init_socket());
+    machine.on_list = [](std::string &reply) { reply.assign(5000000, 'x'); };
+    const char *const told = "HandleResponse: some other error than EWOULDBLOCK? Broken pipe\n";
+    for (const std::string &unread : {std::string(), std::string("list\n")}) {
+        const int client = machine.Connect();
+        Say(client, "list\n");
+        EXPECT_TRUE(serve_control_socket());
+        if (!unread.empty())
+            Say(client, unread);
+        shutdown(client, SHUT_RD);
+        EXPECT_FALSE(serve_control_socket());
+        EXPECT_EQ(errors.Take(), told);
+        const int other = machine.Connect();
+        Say(other, "nonsense\n");
+        EXPECT_FALSE(serve_control_socket());
+        EXPECT_EQ(Hear(other), unknown);
+        EXPECT_EQ(errors.Take(), told);
+        close(other);
+        close(client);
+        serve_control_socket(); // the other one goes, and the one below is skipped
+        serve_control_socket(); // found: what it had not read comes before the end of its stream
+        serve_control_socket();
+        EXPECT_EQ(errors.Take(), told);
+        EXPECT_EQ(open_descriptors().size(), descriptors_before.size() + 1);
+    }
+}
+
+// What a step finds to be closed is removed in the next pass, not in the same, and not asked again.
+TEST_F(ControlSocket, ConnectionFoundClosedIsRemovedInTheNextPass)
+{
+    ASSERT_TRUE(init_socket());
+    static const struct {
+        Call call;
+        std::initializer_list<Answer> answers;
+        const char *said;
+        int passes; // before the one that finds it
+        bool is_busy;
+    } cases[] = {
+        {Call::RECV, {fails(EINTR), returns(0)}, "", 0, false}, // a look, then a read
+        {Call::SEND, {returns(0)}, "nonsense\n", 2, true},
+    };
+    for (const auto &c : cases) {
+        const int client = Meet();
+        Say(client, c.said);
+        Serve(c.passes);
+        machine.Script(c.call, c.answers);
+        EXPECT_EQ(serve_control_socket(), c.is_busy);
+        EXPECT_EQ(open_descriptors().size(), descriptors_before.size() + 3);
+        machine.ForgetCalls();
+        EXPECT_FALSE(serve_control_socket());
+        EXPECT_EQ(machine.Calls(Call::RECV), 0);
+        EXPECT_EQ(open_descriptors().size(), descriptors_before.size() + 2);
+        close(client);
+    }
+}
+
 // One that goes while its request is being answered is removed, whatever its state.
 TEST_F(ControlSocket, ClientThatGoesInAnyStateIsRemoved)
 {

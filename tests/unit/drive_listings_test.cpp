@@ -186,6 +186,28 @@ TEST_F(DriveListings, EmptyAndUnknownFields)
     EXPECT_EQ(Enumerate(), enumerate_head + end);
 }
 
+// A listing borrows the records: it takes no hold and lets none go. Letting the last one go, of a
+// record that nobody holds any more, would make a drive forget how it is connected.
+TEST_F(DriveListings, RecordsAreBorrowed)
+{
+    BlockDevice &drive = AddDrive("sdb", usb);
+    PartitionDevice &partition = AddPartition(drive, "sdb1");
+    for (int holders : {2, 1, 0}) {
+        drive.refcount = partition.refcount = holders;
+        drive.filesystem.clear();
+        partition.filesystem.clear();
+        for (const std::string &reply : {List(), List(1)}) {
+            EXPECT_NE(reply.find("USB"), std::string::npos) << reply;
+            EXPECT_EQ(reply.find("Unassigned"), std::string::npos) << reply;
+        }
+        EXPECT_NE(Enumerate().find("/dev/sdb1"), std::string::npos);
+        EXPECT_EQ(drive.refcount, holders);
+        EXPECT_EQ(partition.refcount, holders);
+        EXPECT_EQ(drive.connection, usb);
+        EXPECT_EQ(Probed(), Words({"/dev/sdb", "/dev/sdb1"})); // once, by the first listing
+    }
+}
+
 // Sizes at the borders of their type.
 TEST_F(DriveListings, SizesArePrintedAsSignedNumbers)
 {
