@@ -508,8 +508,8 @@ def test_half_closed_after_its_request_it_gets_the_reply(machine):
     assert client.line() == b""
 
 
-def test_half_closed_in_the_middle_of_its_reply_it_is_removed(machine):
-    """End of file ends a connection in whatever state it is."""
+def test_half_closed_after_a_later_request_it_gets_no_reply(machine):
+    """Without a head start the end of file is seen before the request is carried out."""
     daemon = machine.start()
     base = socket_count(daemon)
     client = machine.connect()

@@ -9,7 +9,7 @@ import pytest
 
 from machine.clients import wait_until
 from machine.drives import write
-from machine.machine import ANSWERS, PROBE
+from machine.machine import ANSWERS, PROBE, REAL_PROC
 from machine.namespaces import REAL_PROBE
 
 
@@ -256,6 +256,22 @@ def test_a_mute_program_holds_up_the_daemon_until_it_ends(machine):
     machine.pass_of_loop()
     assert time.monotonic() - start > 1
     assert "\tDATA\t" in first.reply()
+
+
+def test_restart_after_a_kill_beside_a_hanging_program(machine):
+    """The program of the daemon that was killed still runs, and holds nothing of the socket."""
+    drive(machine)
+    machine.probe_runs("sdb", "echo $$ > /root/pid; exec sleep 50\n")
+    daemon = machine.start()
+    client = machine.connect()
+    client.send("list\n")
+    wait_until(lambda: os.path.exists("/root/pid") and os.path.getsize("/root/pid"))
+    daemon.kill()
+    assert client.line() == b""
+    machine.start()
+    assert machine.ask("bogus") == "ERR unknown command\n"
+    with open("/root/pid") as file:
+        assert os.path.exists(f"{REAL_PROC}/{int(file.read())}/exe"), "it does not hang"
 
 
 # With the project's own probe program.

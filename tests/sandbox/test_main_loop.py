@@ -132,6 +132,26 @@ def test_missed_seconds_are_caught_up_one_a_pass(machine):
     assert times[-1] - times[0] >= 0.15, f"not one a pass: {times}"
 
 
+def test_missed_refreshes_are_caught_up_and_missed_housekeeping_is_not(machine):
+    """After a stall of thirteen seconds: three or four refreshes on pass after pass; /mnt once."""
+    machine.plug("sata", "sda", 1 << 20)
+    daemon = machine.start("--hotplug")
+    machine.settle()
+    letters = {"/proc/filesystems": "f", "/sys/block/sda/size": "r", "/mnt": "m"}
+    watch = kernel.FileWatch(*letters)
+    daemon.send_signal(signal.SIGSTOP)
+    sleep(13)
+    watch.seen()
+    daemon.send_signal(signal.SIGCONT)
+    events = ""
+    deadline = time.monotonic() + 0.9
+    while (left := deadline - time.monotonic()) > 0:
+        events += "".join(letters[path] for path in watch.seen(left))
+    # A letter f for each pass, while the missed seconds are caught up as well.
+    assert re.match("frm(fr){2,3}ff", events), events
+    assert events.count("m") == 1, events
+
+
 def test_clients_are_served_while_the_seconds_are_caught_up(machine):
     daemon = machine.start(trace=TRACE)
     machine.settle()

@@ -147,6 +147,20 @@ def test_a_pipe_shows_a_line_at_once(machine):
         machine.stop()
 
 
+def test_a_reader_of_its_errors_may_go(machine):
+    """A log reader that ends takes the lines with it, and nothing else."""
+    reader, writer = os.pipe()
+    daemon = machine.start(stderr=writer)
+    os.close(writer)
+    os.close(reader)
+    machine.plug("usb", "sdb", 1 << 20)  # which it tells
+    wait_until(lambda: "\tsdb\t" in machine.ask("list"), what="the drive")
+    machine.unplug("sdb")
+    wait_until(lambda: "\tsdb\t" not in machine.ask("list"), what="the drive's end")
+    daemon.stop()
+    assert machine.syslog()[-1] == "quarryd: Quarryd disk tracker terminating"
+
+
 def test_stays_in_the_foreground(machine):
     daemon = machine.start()
     machine.pass_of_loop()
@@ -456,6 +470,20 @@ def test_no_other_signal_is_taken(machine):
     taken = {number for number in (1, 2, 3, 10, 12, 13, 14, 15, 17) if caught >> (number - 1) & 1}
     assert taken == {2, 3, 15}
     daemon.stop()
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGQUIT])
+def test_a_signal_during_start_up_ends_it_at_once(machine, number):
+    """Before there is a loop that could notice a flag, a signal has its usual effect."""
+    signal.signal(number, signal.SIG_DFL)  # what the daemon inherits
+    machine.plug("usb", "sdb", 1 << 20, node=False)
+    os.mkfifo("/dev/sdb")  # opening it waits for a writer
+    daemon = machine.start(wait=False)
+    daemon.wait_for("Device sdb just appeared (polling)\n")
+    assert "Main label" not in daemon.stdout()
+    daemon.send_signal(number)
+    daemon.check_end(-number)
+    assert machine.syslog() == ["quarryd: Quarryd disk tracker starting"]
 
 
 def test_impatience_during_the_stop_changes_nothing(machine):
