@@ -1,6 +1,7 @@
 // Readers of the kernel's mount and filesystem tables.
 #include "mount/mount_tables.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -63,6 +64,11 @@ MountEntry *FindMount(const std::string &category, const std::string &value)
             return &entry;
     }
     return nullptr;
+}
+
+bool has_option(const MountEntry &entry, const std::string &option)
+{
+    return std::find(entry.options.begin(), entry.options.end(), option) != entry.options.end();
 }
 
 std::string as_in_mount_table(const std::string &path)

@@ -44,6 +44,10 @@ void ReadProcMounts();
 // category is one line on stderr and null.
 MountEntry *FindMount(const std::string &category, const std::string &value);
 
+// Whether an option of the entry is exactly this word: "rw" is not an option of a mount that says
+// "rwx".
+bool has_option(const MountEntry &entry, const std::string &option);
+
 // A path as the kernel writes it into its table, with its four octal escapes.
 std::string as_in_mount_table(const std::string &path);
 
