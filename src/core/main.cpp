@@ -12,15 +12,18 @@
 #include "core/boot_drive.h"
 #include "core/configuration.h"
 #include "core/inherited_state.h"
+#include "core/main_partition_search.h"
 #include "core/options.h"
 #include "core/single_instance.h"
 #include "core/site_scripts.h"
 #include "mount/kernel_tables.h"
 #include "mount/mnt_housekeeping.h"
+#include "mount/quotas_and_acls.h"
 #include "mount/unmount_all.h"
 #include "protocol/control_socket.h"
 #include "registry/connection_types.h"
 #include "registry/device_list.h"
+#include "swap/swap_file.h"
 
 static const useconds_t idle_sleep = 50000; // microseconds
 static const time_t full_rescan_seconds = 60;
@@ -112,18 +115,35 @@ static void reap_one_child()
         startup_child_pid = -1;
 }
 
+// One pass of the search; true when it is over.
+static bool take_main_partition()
+{
+    if (!search_main_partition())
+        return false;
+    if (!SwapOn())
+        fprintf(stderr, "Warning: cannot enable swap\n");
+    const std::string directory = "/mnt/" + main_partition;
+    enable_quotas(main_partition, directory);
+    enable_acls(main_partition, directory);
+    fprintf(stderr, "Found main partition on %s part %s\n", main_drive.c_str(),
+            main_partition.c_str());
+    return true;
+}
+
 static void run_until_terminated(time_t start_time)
 {
     time_t tick_1s = start_time; // kernel tables, and in polling mode the drives
     time_t tick_4s = start_time; // hotplug mode: a look at the known drives
     time_t tick_5s = 0;          // housekeeping of /mnt; due in the first pass
     // The start script waits for the main partition, when there is one to be found.
-    const bool main_search_pending =
+    bool main_search_pending =
         !settings.main_partition_signature.empty() || !settings.main_partition_label.empty();
     bool startup_done = false;
 
     while (!terminate_requested) {
-        if (!startup_done && !main_search_pending) {
+        if (main_search_pending) {
+            main_search_pending = !take_main_partition();
+        } else if (!startup_done) {
             run_startup();
             startup_done = true;
         }
@@ -153,10 +173,20 @@ static void run_until_terminated(time_t start_time)
     }
 }
 
+static void switch_swap_off()
+{
+    if (SwapFileActive())
+        SwapOff();
+    SwapOffMainDriveOthers();
+    SwapOffAll();
+}
+
 static void shut_down()
 {
     syslog(LOG_INFO, "Quarryd disk tracker terminating");
     run_shutdown();
+    switch_swap_off();
+    switch_swap_off(); // once more: what had no room in memory the first time may have it now
     unmount_all();
     close_control_socket();
     FreeBlockDeviceList();

@@ -8,9 +8,12 @@
 #include "inspect/raid_members.h"
 #include "mount/kernel_tables.h"
 #include "protocol/drive_listings.h"
+#include "protocol/optical_tray.h"
 #include "protocol/socket_connection.h"
 #include "registry/device_list.h"
+#include "registry/hotplug_notice.h"
 #include "registry/sysfs_probe.h"
+#include "swap/swap_file.h"
 
 // What anybody may read. "notify", "hotplug" and "poll" are not for people and are left out.
 static const char help_text[] =
@@ -42,6 +45,60 @@ static void command_list(SocketConnection &connection)
 static void command_enumerate(SocketConnection &connection)
 {
     enumerate_drives(connection.output);
+}
+
+static void command_swapoff(SocketConnection &connection)
+{
+    if (!is_root(connection))
+        connection.output = "ERR auth required";
+    else
+        connection.output = SwapOff() ? "OK swap disabled" : "ERR swap disable failed";
+}
+
+static void command_swapon(SocketConnection &connection)
+{
+    if (!is_root(connection))
+        connection.output = "ERR auth required";
+    else
+        connection.output = SwapOn() ? "OK swap enabled" : "ERR swap enable failed";
+}
+
+static void command_eject(SocketConnection &connection)
+{
+    do_socket_command_eject(connection, connection.args[1]);
+}
+
+static void command_retract(SocketConnection &connection)
+{
+    do_socket_command_retract(connection, connection.args[1]);
+}
+
+static void command_mount(SocketConnection &connection)
+{
+    connection.do_socket_command_mount(connection.args[1], connection.args[2]);
+}
+
+static const std::string unmount_mode = "off";
+
+static void command_umount(SocketConnection &connection)
+{
+    connection.do_socket_command_mount(unmount_mode, connection.args[1]);
+}
+
+static void command_notify(SocketConnection &connection)
+{
+    const std::string &path = connection.args[2];
+    const size_t slash = path.rfind('/');
+    if (!hotplug_mode) {
+        connection.output = "ERR hotplug mode not enabled";
+    } else if (!is_root(connection)) {
+        connection.output = "ERR authorization required";
+    } else if (slash == std::string::npos || slash + 1 == path.size()) {
+        connection.output = "ERR invalid device string";
+    } else {
+        take_hotplug_notice(connection.args[1], path.substr(slash + 1));
+        connection.output = "OK thank you";
+    }
 }
 
 static void command_refresh(SocketConnection &connection)
@@ -99,9 +156,11 @@ static const struct {
     const char *word;
     void (*run)(SocketConnection &connection);
 } commands[] = {
-    {"list", command_list},       {"enumerate", command_enumerate}, {"refresh", command_refresh},
-    {"hotplug", command_hotplug}, {"poll", command_poll},           {"polling", command_poll},
-    {"help", command_help},
+    {"list", command_list},       {"enumerate", command_enumerate}, {"swapoff", command_swapoff},
+    {"swapon", command_swapon},   {"eject", command_eject},         {"retract", command_retract},
+    {"refresh", command_refresh}, {"mount", command_mount},         {"umount", command_umount},
+    {"notify", command_notify},   {"hotplug", command_hotplug},     {"poll", command_poll},
+    {"polling", command_poll},    {"help", command_help},
 };
 
 static void run_command(SocketConnection &connection)

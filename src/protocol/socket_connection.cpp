@@ -8,6 +8,7 @@
 #include <string_view>
 #include <unistd.h>
 
+#include "mount/mount_command.h"
 #include "protocol/command_table.h"
 
 static void make_non_blocking(int fd)
@@ -130,6 +131,11 @@ int SocketConnection::HandleResponse()
     if (is_deaf && recv(fd, unread, sizeof(unread), MSG_DONTWAIT | MSG_NOSIGNAL) == 0)
         closed = true;
     return 0;
+}
+
+void SocketConnection::do_socket_command_mount(const std::string &how, std::string &device)
+{
+    run_mount_command(uid, how, device, output);
 }
 
 void SocketConnection::Reset()

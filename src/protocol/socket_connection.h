@@ -32,6 +32,9 @@ public:
     int HandleInput();
     int HandleResponse();
 
+    // Runs the mount command for this client; see run_mount_command(). device becomes a bare name.
+    void do_socket_command_mount(const std::string &how, std::string &device);
+
     // Makes ready for the next request, once a reply is sent.
     void Reset();
 

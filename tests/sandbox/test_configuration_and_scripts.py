@@ -197,8 +197,9 @@ def test_what_is_no_script_is_skipped_without_a_word(machine, what):
         machine.configure("startup script=\nshutdown script=\n")
     daemon = machine.start()
     machine.settle()
-    machine.stop()
     assert daemon.stderr_lines()[-1] == "WARNING: Cannot determine boot drive"
+    machine.stop()
+    assert daemon.stderr_lines()[-5] == "WARNING: Cannot determine boot drive"  # then swap, twice
     assert not os.path.exists("/root/ran")
 
 

@@ -36,6 +36,11 @@ WARNING: Cannot determine boot drive
 """
 )
 
+# Swap is switched off twice.
+SWAP_AT_THE_END = 2 * """Shutting down any other swap files on the main drive
+Shutting down any other swap files on other drives
+"""
+
 
 def refused(machine, *arguments, **keys):
     """Starts a daemon that must not come up; returns what it printed on standard error."""
@@ -105,7 +110,7 @@ def test_bare_start_says_exactly_this(machine):
     assert machine.syslog() == ["quarryd: Quarryd disk tracker starting"]
     machine.stop()
     assert daemon.stdout() == "Polling mode enabled\nMain part sig: ''\nMain label: ''\n"
-    assert daemon.stderr() == BARE_START.format(noise="")
+    assert daemon.stderr() == BARE_START.format(noise="") + SWAP_AT_THE_END
     assert machine.syslog() == [
         "quarryd: Quarryd disk tracker starting",
         "quarryd: Quarryd disk tracker terminating",

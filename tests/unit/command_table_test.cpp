@@ -104,14 +104,6 @@ TEST_F(CommandTable, HelpLeavesOutWhatIsNotForPeople)
         EXPECT_EQ(Ask("help").find(word), std::string::npos) << word;
 }
 
-// What this daemon cannot do yet is unknown to it, for root as well.
-TEST_F(CommandTable, CommandsOfOtherFloorsAreNotPretended)
-{
-    for (const char *request : {"mount rw sdb1", "umount sdb1", "eject sr0", "retract sr0",
-                                "swapon", "swapoff", "notify add sdb"})
-        EXPECT_EQ(Ask(request), "ERR unknown command\n") << request;
-}
-
 // Only root switches modes; the announcement is made, and nothing is read again at once.
 TEST_F(CommandTable, RootSwitchesModes)
 {
