@@ -89,7 +89,7 @@ struct Way {
 static std::string take_piece(std::string &rest)
 {
     const size_t end = std::min(rest.find('/', 1), rest.size());
-    const std::string piece = rest.substr(1, end - 1);
+    std::string piece = rest.substr(1, end - 1);
     rest.erase(0, end);
     return piece;
 }
