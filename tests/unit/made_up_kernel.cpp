@@ -2,6 +2,7 @@
 #include "made_up_kernel.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -68,10 +69,61 @@ static bool is_answered(Call call, Result &result)
     return true;
 }
 
-// Where a path leads: absolute ones into the machine's folder.
+static std::deque<std::string> path_components(const std::string &path)
+{
+    std::deque<std::string> components;
+    for (const std::filesystem::path &component : std::filesystem::path(path).relative_path()) {
+        if (!component.empty() && component != ".")
+            components.push_back(component);
+    }
+    return components;
+}
+
+// An absolute path of the machine without links. False, with errno set, when there is no such file.
+static bool resolve(const char *path, std::string &resolved)
+{
+    resolved.clear();
+    std::deque<std::string> pending = path_components(path);
+    for (int hops = 0; !pending.empty();) {
+        const std::string component = pending.front();
+        pending.pop_front();
+        if (component == "..") {
+            resolved.resize(resolved.empty() ? 0 : resolved.rfind('/'));
+            continue;
+        }
+        const std::string place = resolved + "/" + component;
+        std::string target;
+        if (really_read_link(AT_FDCWD, machine->RealPath(place).c_str(), target) < 0) {
+            if (errno != EINVAL) // there, and no link
+                return false;
+            resolved = place;
+            continue;
+        }
+        if (++hops > 40) {
+            errno = ELOOP;
+            return false;
+        }
+        if (target[0] == '/')
+            resolved.clear();
+        const std::deque<std::string> components = path_components(target);
+        pending.insert(pending.begin(), components.begin(), components.end());
+    }
+    if (resolved.empty())
+        resolved = "/";
+    return true;
+}
+
+// Where a path leads: absolute ones into the machine's folder, through whatever links are above.
 static std::string led(const char *path)
 {
-    return machine && path[0] == '/' ? machine->RealPath(path) : path;
+    if (!machine || path[0] != '/' || std::string_view(path).starts_with(machine->RealPath("")))
+        return path;
+    const std::string asked = path;
+    const size_t slash = asked.rfind('/');
+    std::string folder;
+    if (!resolve(asked.substr(0, slash).c_str(), folder))
+        return machine->RealPath(asked);
+    return machine->RealPath((folder == "/" ? "" : folder) + asked.substr(slash));
 }
 
 // The same for calls that follow links, whose targets are paths of the machine too.
@@ -131,6 +183,31 @@ static int open_anywhere(int directory_fd, const char *path, int flags, mode_t m
         kernel.opened[path].push_back(flags);
     const std::string place = led_through_links(directory_fd, path);
     return checked_at_exec(__real_openat(directory_fd, place.c_str(), flags, mode), path);
+}
+
+// Only programs of the made-up machine are ever run.
+static int execute(const char *call, const char *name, const std::string &path,
+                   char *const *arguments)
+{
+    std::string deed = std::string(call) + " " + name;
+    for (char *const *argument = arguments; *argument; argument++)
+        deed += std::string(" ") + *argument;
+    note_deed(deed);
+    if (!machine)
+        _exit(127);
+    if (machine->on_exec) {
+        machine->on_exec(arguments);
+        _exit(0);
+    }
+    return __real_execv(led(path.c_str()).c_str(), arguments);
+}
+
+// A text in a deed, where it is to be seen that there is nothing.
+static std::string shown(const char *text)
+{
+    if (!text)
+        return "(null)";
+    return *text ? text : "''";
 }
 
 extern "C" {
@@ -198,6 +275,26 @@ int __wrap_stat(const char *path, struct stat *status)
     return __real_stat(led_through_links(AT_FDCWD, path).c_str(), status);
 }
 
+int __wrap_lstat(const char *path, struct stat *status)
+{
+    int result = -1;
+    if (is_answered(Call::STAT, result) || is_refused(AT_FDCWD, path))
+        return result;
+    return __real_lstat(led(path).c_str(), status);
+}
+
+char *__wrap_realpath(const char *path, char *buffer)
+{
+    int result = -1;
+    std::string resolved;
+    if (!machine || path[0] != '/')
+        return __real_realpath(path, buffer);
+    if (is_answered(Call::REALPATH, result) || is_refused(AT_FDCWD, path) ||
+        !resolve(path, resolved))
+        return nullptr;
+    return buffer ? strcpy(buffer, resolved.c_str()) : strdup(resolved.c_str());
+}
+
 int __wrap_statx(int directory_fd, const char *path, int flags, unsigned mask, struct statx *status)
 {
     int result = -1;
@@ -236,13 +333,39 @@ int __wrap_rmdir(const char *path)
 
 int __wrap_mkdir(const char *path, mode_t mode)
 {
-    return __real_mkdir(led(path).c_str(), mode);
+    int result;
+    return is_answered(Call::MKDIR, result) ? result : __real_mkdir(led(path).c_str(), mode);
 }
 
 int __wrap_chdir(const char *path)
 {
     int result;
     return is_answered(Call::CHDIR, result) ? result : __real_chdir(led(path).c_str());
+}
+
+int __wrap_rename(const char *old_path, const char *new_path)
+{
+    int result;
+    if (is_answered(Call::RENAME, result))
+        return result;
+    return __real_rename(led(old_path).c_str(), led(new_path).c_str());
+}
+
+int __wrap_fsync(int fd)
+{
+    int result;
+    note_deed("fsync");
+    return is_answered(Call::FSYNC, result) ? result : __real_fsync(fd);
+}
+
+int __wrap_close_range(unsigned first, unsigned last, int flags)
+{
+    int result;
+    note_deed("close_range " + std::to_string(first) + " " + std::to_string(last) + " " +
+              std::to_string(flags));
+    if (is_answered(Call::CLOSE_RANGE, result))
+        return result;
+    return __real_close_range(first, last, flags);
 }
 
 int __wrap_pipe2(int *ends, int flags)
@@ -321,15 +444,24 @@ int __wrap_kill(pid_t pid, int number)
 
 int __wrap_execv(const char *path, char *const *arguments)
 {
-    std::string deed = std::string("execv ") + path;
-    for (char *const *argument = arguments; *argument; argument++)
-        deed += std::string(" ") + *argument;
-    note_deed(deed);
-    if (machine && machine->on_exec) {
-        machine->on_exec(arguments);
-        _exit(0);
-    }
-    return __real_execv(led(path).c_str(), arguments);
+    return execute("execv", path, path, arguments);
+}
+
+int __wrap_execvp(const char *name, char *const *arguments)
+{
+    return execute("execvp", name, std::string("/usr/bin/") + name, arguments);
+}
+
+int __wrap_execl(const char *path, const char *first, ...)
+{
+    std::vector<char *> arguments;
+    va_list rest;
+    va_start(rest, first);
+    for (const char *word = first; word; word = va_arg(rest, const char *))
+        arguments.push_back(const_cast<char *>(word));
+    va_end(rest);
+    arguments.push_back(nullptr);
+    return execute("execl", path, path, arguments.data());
 }
 
 unsigned __wrap_alarm(unsigned seconds)
@@ -357,6 +489,48 @@ time_t __wrap_time(time_t *result)
     if (result)
         *result = machine->now;
     return machine->now;
+}
+
+// The clock that nobody sets.
+int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv()
+{
+    if (machine && machine->steady_now)
+        return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                   machine->steady_now())
+            .count();
+    return __real__ZNSt6chrono3_V212steady_clock3nowEv();
+}
+
+int __wrap_mount(const char *source, const char *target, const char *type, unsigned long flags,
+                 const void *data)
+{
+    int result = 0;
+    std::string deed = "mount " + shown(source) + " " + shown(target) + " " + shown(type) + " " +
+                       std::to_string(flags);
+    if (data)
+        deed += " " + shown(static_cast<const char *>(data));
+    note_deed(deed);
+    is_answered(Call::MOUNT, result);
+    return result;
+}
+
+int __wrap_quotactl(int command, const char *special, int id, char *file)
+{
+    int result = 0;
+    char number[16];
+    snprintf(number, sizeof(number), "%x", static_cast<unsigned>(command));
+    note_deed(std::string("quotactl ") + number + " " + shown(special) + " " + std::to_string(id) +
+              " " + shown(file));
+    is_answered(Call::QUOTACTL, result);
+    return result;
+}
+
+int __wrap_swapon(const char *path, int flags)
+{
+    int result = 0;
+    note_deed(std::string("swapon ") + path + " " + std::to_string(flags));
+    is_answered(Call::SWAPON, result);
+    return result;
 }
 
 int __wrap_umount(const char *mountpoint)
@@ -470,6 +644,11 @@ ssize_t __wrap___readlink_chk(const char *path, char *buffer, size_t size, size_
     return __wrap_readlink(path, buffer, size);
 }
 
+char *__wrap___realpath_chk(const char *path, char *buffer, size_t)
+{
+    return __wrap_realpath(path, buffer);
+}
+
 ssize_t __wrap___readlinkat_chk(int directory_fd, const char *path, char *buffer, size_t size,
                                 size_t)
 {
@@ -537,12 +716,8 @@ NOT_ON_THIS_MACHINE(chmod)
 NOT_ON_THIS_MACHINE(chown)
 NOT_ON_THIS_MACHINE(killpg)
 NOT_ON_THIS_MACHINE(mknod)
-NOT_ON_THIS_MACHINE(mount)
 NOT_ON_THIS_MACHINE(popen)
-NOT_ON_THIS_MACHINE(quotactl)
 NOT_ON_THIS_MACHINE(reboot)
-NOT_ON_THIS_MACHINE(rename)
-NOT_ON_THIS_MACHINE(swapon)
 NOT_ON_THIS_MACHINE(system)
 NOT_ON_THIS_MACHINE(truncate)
 NOT_ON_THIS_MACHINE(umount2)

@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <set>
@@ -24,15 +25,18 @@ int __real_accept4(int, sockaddr *, socklen_t *, int);
 int __real_bind(int, const sockaddr *, socklen_t);
 int __real_chdir(const char *);
 int __real_close(int);
+int __real_close_range(unsigned, unsigned, int);
 int __real_execv(const char *, char *const *);
 int __real_fcntl(int, int, ...);
 pid_t __real_fork();
+int __real_fsync(int);
 ssize_t __real_getdents64(int, void *, size_t);
 int __real_getsockopt(int, int, int, void *, socklen_t *);
 int __real_ioctl(int, unsigned long, ...);
 int __real_kill(pid_t, int);
 int __real_listen(int, int);
 off_t __real_lseek(int, off_t, int);
+int __real_lstat(const char *, struct stat *);
 int __real_mkdir(const char *, mode_t);
 int __real_open(const char *, int, ...);
 int __real_openat(int, const char *, int, ...);
@@ -40,7 +44,9 @@ int __real_pipe2(int *, int);
 ssize_t __real_read(int, void *, size_t);
 ssize_t __real_readlink(const char *, char *, size_t);
 ssize_t __real_readlinkat(int, const char *, char *, size_t);
+char *__real_realpath(const char *, char *);
 ssize_t __real_recv(int, void *, size_t, int);
+int __real_rename(const char *, const char *);
 int __real_rmdir(const char *);
 ssize_t __real_send(int, const void *, size_t, int);
 int __real_socket(int, int, int);
@@ -51,6 +57,7 @@ time_t __real_time(time_t *);
 int __real_unlink(const char *);
 int __real_unlinkat(int, const char *, int);
 pid_t __real_waitpid(pid_t, int *, int);
+int64_t __real__ZNSt6chrono3_V212steady_clock3nowEv();
 std::_Rb_tree_node_base *
 __real__ZSt18_Rb_tree_incrementPSt18_Rb_tree_node_base(std::_Rb_tree_node_base *);
 const std::_Rb_tree_node_base *

@@ -9,6 +9,7 @@
 #define QUARRYD_UNIT_MADE_UP_MACHINE_H
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <ctime>
 #include <functional>
@@ -28,23 +29,31 @@ enum class Call {
     BIND,
     CHDIR,
     CLOSE,
+    CLOSE_RANGE,
     FCNTL,
     FORK,
+    FSYNC,
     GETDENTS,
     GETSOCKOPT,
     IOCTL,
     LISTEN,
     LSEEK,
+    MKDIR,
+    MOUNT,
     OPEN, // openat() too
     PIPE,
+    QUOTACTL,
     READ,
     READLINK, // readlinkat() too
+    REALPATH,
     RECV,
+    RENAME,
     RMDIR, // unlinkat() of a directory too
     SEND,
     SOCKET,
-    STAT, // statx() too
+    STAT, // lstat() and statx() too
     SWAPOFF,
+    SWAPON,
     SYMLINK,
     UMOUNT,
     UNLINK, // unlinkat() too
@@ -123,7 +132,9 @@ public:
 
     // What was done that must not really happen, or that a test wants to see, in order and from
     // children too: "kill 12 15", "kill child 9", "umount /mnt/sdb1", "swapoff /x", "sleep 2",
-    // "usleep 100", "alarm 30", "execv /usr/bin/volsniffer ...", "log ..." for the system log,
+    // "mount /dev/sdb1 /mnt/sdb1 ext4 6" ('' for an empty text, (null) for none), "swapon /x 0",
+    // "quotactl 80000200 /dev/sdb1 2 /mnt/sdb1/aquota.user", "usleep 100", "alarm 30", "fsync",
+    // "execv /usr/bin/volsniffer ...", "close_range 0 4095 0", "log ..." for the system log,
     // "bind ..." and, as a fault, "left open at exec: ...".
     std::vector<std::string> Deeds() const;
     std::vector<std::string> Deeds(const std::string &beginning) const;
@@ -135,13 +146,15 @@ public:
     // Called at each deed, in the process that does it.
     std::function<void(const std::string &deed)> on_deed;
     // Stands for every program that is executed: called in the child, which then exits with 0.
-    // Without it the program of that path on the machine is run.
+    // Without it the program of that path on the machine is run, one that is looked for by its name
+    // in /usr/bin there.
     std::function<void(char *const *arguments)> on_exec;
     // Stands for list_drives(): a command whose reply the test writes.
     std::function<void(std::string &reply)> on_list;
     // The drives' driver.
     std::function<int(unsigned long request, void *argument)> on_ioctl;
-    time_t now = 0; // the clock; 0: the real one
+    time_t now = 0;                                        // the clock; 0: the real one
+    std::function<std::chrono::milliseconds()> steady_now; // the steady clock, in its stead
 
     const void *losing_map = nullptr; // see LoseInsertions()
     const void *losing_map_end = nullptr;

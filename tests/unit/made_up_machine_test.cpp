@@ -1,10 +1,13 @@
 // The made-up machine itself: what is tested on it must not reach the real one.
 #include "made_up_machine.h"
 
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/quota.h>
 #include <sys/stat.h>
 #include <sys/swap.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using MadeUp = MadeUpMachineTest;
@@ -45,19 +48,128 @@ TEST_F(MadeUp, HarmIsWrittenDownAndNotDone)
     machine.AddProcess(getppid(), "parent", {});
     EXPECT_EQ(kill(getppid(), SIGCONT), 0);
     EXPECT_EQ(umount("/none"), 0);
+    EXPECT_EQ(mount("/dev/none", "/none", "", MS_RDONLY, nullptr), 0);
+    EXPECT_EQ(mount(nullptr, "/none", "none", 0, "data"), 0);
+    EXPECT_EQ(swapon("/none", 1), 0);
     EXPECT_EQ(swapoff("/none"), 0);
+    char file[] = "/file";
+    EXPECT_EQ(quotactl(QCMD(Q_QUOTAON, GRPQUOTA), "/dev/none", 2, file), 0);
     EXPECT_EQ(sleep(1000), 0U);
     const std::string kill_line = "kill " + std::to_string(getppid()) + " 18";
     EXPECT_EQ(machine.Deeds(),
-              Deeds({kill_line, kill_line, "umount /none", "swapoff /none", "sleep 1000"}));
+              Deeds({kill_line, kill_line, "umount /none", "mount /dev/none /none '' 1",
+                     "mount (null) /none none 0 data", "swapon /none 1", "swapoff /none",
+                     "quotactl 80000201 /dev/none 2 /file", "sleep 1000"}));
+}
+
+// The same with what the kernel may say to it.
+TEST_F(MadeUp, HarmCanBeToldToFail)
+{
+    for (Call call : {Call::MOUNT, Call::SWAPON, Call::QUOTACTL})
+        machine.Script(call, {fails(EPERM)});
+    EXPECT_EQ(mount("", "", "", 0, nullptr), -1);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(swapon("/none", 0), -1);
+    EXPECT_EQ(quotactl(0, "", 0, nullptr), -1);
+    EXPECT_EQ(mount("", "", "", 0, nullptr), 0); // once only
+    EXPECT_EQ(swapon("/none", 0), 0);
+    EXPECT_EQ(quotactl(0, "", 0, nullptr), 0);
+    EXPECT_EQ(machine.Calls(Call::MOUNT), 2);
+}
+
+// Runs this in a child and gives its wait status.
+static int status_of_child(const std::function<void()> &run)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        run();
+        _exit(99);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return status;
+}
+
+// No program of the real machine is run, by whatever call; the test's own stand-in is.
+TEST_F(MadeUp, OnlyProgramsOfTheMachineAreRun)
+{
+    char word[] = "true";
+    char *const words[] = {word, nullptr};
+    const std::function<void()> calls[] = {
+        [] { execl("/bin/sh", "sh", "-c", "exit 9", static_cast<char *>(nullptr)); },
+        [&] { execvp("true", words); },
+        [&] { execv("/bin/true", words); },
+    };
+    for (const auto &call : calls)
+        EXPECT_EQ(WEXITSTATUS(status_of_child(call)), 99); // nothing there
+    EXPECT_EQ(machine.Deeds(),
+              Deeds({"execl /bin/sh sh -c exit 9", "execvp true true", "execv /bin/true true"}));
+    machine.on_exec = [](char *const *arguments) {
+        if (std::string(arguments[0]) == "sh")
+            _exit(5);
+    };
+    EXPECT_EQ(WEXITSTATUS(status_of_child(calls[0])), 5);
+    EXPECT_EQ(status_of_child(calls[1]), 0);
+    machine.on_exec = nullptr;
+    machine.Link("/bin/true", "/bin/busy");
+    machine.Write("/usr/bin/true", "#!/bin/sh\nexit 7\n");
+    machine.SetMode("/usr/bin/true", 0755);
+    EXPECT_EQ(WEXITSTATUS(status_of_child(calls[1])), 7);
+}
+
+// Links of the machine lead to places of the machine.
+TEST_F(MadeUp, RealPathsAreThoseOfTheMachine)
+{
+    machine.Write("/tmpfs/.mnt/sda1/file", "");
+    machine.Remove("/mnt");
+    machine.Link("/mnt", "/tmpfs/.mnt");
+    machine.Link("/tmpfs/.mnt/main", "sda1/../sda1/.");
+    machine.Link("/loop", "loop");
+    static const struct {
+        const char *path, *resolved;
+    } cases[] = {
+        {"/", "/"},
+        {"/mnt", "/tmpfs/.mnt"},
+        {"/mnt/sda1/file", "/tmpfs/.mnt/sda1/file"},
+        {"/mnt//main/../sda1/", "/tmpfs/.mnt/sda1"},
+        {"/mnt/../../..", "/"},
+    };
+    for (const auto &c : cases) {
+        char *resolved = realpath(c.path, nullptr);
+        EXPECT_STREQ(resolved, c.resolved) << c.path;
+        free(resolved);
+    }
+    EXPECT_EQ(realpath("/mnt/none/../sda1", nullptr), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(realpath("/loop/file", nullptr), nullptr);
+    EXPECT_EQ(errno, ELOOP);
+    machine.Script(Call::REALPATH, {fails(EIO)});
+    EXPECT_EQ(realpath("/mnt", nullptr), nullptr);
+    EXPECT_EQ(errno, EIO);
+    struct stat status;
+    EXPECT_EQ(lstat("/mnt", &status), 0);
+    EXPECT_TRUE(S_ISLNK(status.st_mode));
+    EXPECT_EQ(rename("/mnt/sda1/file", "/mnt/main/other"), 0);
+    EXPECT_TRUE(machine.Exists("/tmpfs/.mnt/sda1/other"));
+}
+
+// Time that nobody can set passes as a test says, or really.
+TEST_F(MadeUp, SteadyClockObeysTheTest)
+{
+    using clock = std::chrono::steady_clock;
+    const clock::time_point before = clock::now();
+    machine.steady_now = [] { return std::chrono::hours(1); };
+    EXPECT_EQ(clock::now().time_since_epoch(), std::chrono::hours(1));
+    machine.steady_now = nullptr;
+    EXPECT_GE(clock::now(), before);
+    EXPECT_LT(clock::now(), before + std::chrono::minutes(1));
 }
 
 // A call that the machine does not know must not slip through to the real one.
 TEST(MadeUpDeathTest, CallsWithoutAPlaceEndTheTests)
 {
-    EXPECT_DEATH(mount("/none", "/none", "none", 0, nullptr), "mount\\(\\) would reach the real");
     EXPECT_DEATH(umount2("/none", 0), "umount2\\(\\) would reach the real");
-    EXPECT_DEATH(swapon("/none", 0), "swapon\\(\\) would reach the real");
+    EXPECT_DEATH(chmod("/none", 0), "chmod\\(\\) would reach the real");
     EXPECT_DEATH(system("true") == 0 ? abort() : void(), "system\\(\\) would reach the real");
 }
 
