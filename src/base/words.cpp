@@ -33,3 +33,52 @@ std::string strip_dev(const std::string &word)
 {
     return word.size() > 4 && word.starts_with("/dev/") ? word.substr(5) : word;
 }
+
+std::string as_in_kernel_table(const std::string &path)
+{
+    std::string text;
+    for (char c : path) {
+        switch (c) {
+        case ' ':
+            text += "\\040";
+            break;
+        case '\t':
+            text += "\\011";
+            break;
+        case '\n':
+            text += "\\012";
+            break;
+        case '\\':
+            text += "\\134";
+            break;
+        default:
+            text += c;
+        }
+    }
+    return text;
+}
+
+// Whether three octal digits of one byte stand there.
+static bool is_octal_byte(std::string_view digits)
+{
+    return digits.size() == 3 && digits[0] <= '3' &&
+           digits.find_first_not_of("01234567") == std::string_view::npos;
+}
+
+std::string from_kernel_table(const std::string &text)
+{
+    std::string path;
+    std::string_view rest = text;
+    while (!rest.empty()) {
+        const std::string_view digits = rest.substr(1, 3);
+        if (rest[0] == '\\' && is_octal_byte(digits)) {
+            path += static_cast<char>((digits[0] - '0') * 64 + (digits[1] - '0') * 8 +
+                                      (digits[2] - '0'));
+            rest.remove_prefix(4);
+        } else {
+            path += rest[0];
+            rest.remove_prefix(1);
+        }
+    }
+    return path;
+}

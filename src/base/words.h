@@ -20,4 +20,12 @@ void skip_run(std::string_view &rest, char separator);
 // The name of a device as the registry knows it: without "/dev/" when the word begins with that.
 std::string strip_dev(const std::string &word);
 
+// A path as the kernel writes it into its tables of mounts and of swap areas: a blank, a tab, a
+// line end and a backslash stand there as a backslash and three octal digits.
+std::string as_in_kernel_table(const std::string &path);
+
+// The way back: the path that stands in such a table as text. A backslash that begins no escape
+// stands for itself.
+std::string from_kernel_table(const std::string &text);
+
 #endif

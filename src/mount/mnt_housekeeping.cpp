@@ -14,6 +14,7 @@
 
 #include "base/directory.h"
 #include "base/small_files.h"
+#include "base/words.h"
 #include "mount/mount_tables.h"
 
 static const char mnt[] = "/mnt";
@@ -30,7 +31,7 @@ static int status_without_waiting(int directory_fd, const char *name, struct sta
 static bool is_mounted(const std::string &name)
 {
     return FindMount("device", "/dev/" + name) ||
-           FindMount("mountpoint", as_in_mount_table("/mnt/" + name));
+           FindMount("mountpoint", as_in_kernel_table("/mnt/" + name));
 }
 
 static void remove_stale_directory(int mnt_fd, const char *name)
@@ -57,7 +58,7 @@ static bool may_never_answer(const std::string &fstype)
 // The mount that a path (without links in it) lies on, or null.
 static const MountEntry *mount_of(const std::string &path)
 {
-    const std::string listed = as_in_mount_table(path);
+    const std::string listed = as_in_kernel_table(path);
     const MountEntry *innermost = nullptr;
     for (const MountEntry &entry : mount_list) {
         const std::string &point = entry.mountpoint;

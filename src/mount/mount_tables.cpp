@@ -71,30 +71,6 @@ bool has_option(const MountEntry &entry, const std::string &option)
     return std::find(entry.options.begin(), entry.options.end(), option) != entry.options.end();
 }
 
-std::string as_in_mount_table(const std::string &path)
-{
-    std::string text;
-    for (char c : path) {
-        switch (c) {
-        case ' ':
-            text += "\\040";
-            break;
-        case '\t':
-            text += "\\011";
-            break;
-        case '\n':
-            text += "\\012";
-            break;
-        case '\\':
-            text += "\\134";
-            break;
-        default:
-            text += c;
-        }
-    }
-    return text;
-}
-
 bool parse_fstab_line(std::string_view line, FstabEntry &entry)
 {
     std::string_view rest = line.substr(0, mount_line_limit);

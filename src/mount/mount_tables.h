@@ -48,9 +48,6 @@ MountEntry *FindMount(const std::string &category, const std::string &value);
 // "rwx".
 bool has_option(const MountEntry &entry, const std::string &option);
 
-// A path as the kernel writes it into its table, with its four octal escapes.
-std::string as_in_mount_table(const std::string &path);
-
 // Reads the second table, which also comes from /proc/mounts though its messages name /etc/fstab.
 void ReadFstab();
 

@@ -196,15 +196,6 @@ TEST_F(MountTables, UnknownCategoryIsTold)
     EXPECT_EQ(FindMount("device ", "x"), nullptr);
 }
 
-// The four characters that the kernel escapes.
-TEST_F(MountTables, EscapesAPathAsTheKernelDoes)
-{
-    EXPECT_EQ(as_in_mount_table("/mnt/^two words"), "/mnt/^two\\040words");
-    EXPECT_EQ(as_in_mount_table("a\tb\nc\\d"), "a\\011b\\012c\\134d");
-    EXPECT_EQ(as_in_mount_table("#,\xC3\xBC\x01"), "#,\xC3\xBC\x01");
-    EXPECT_EQ(as_in_mount_table(""), "");
-}
-
 // The second table: its separator is the tab as soon as the line has one anywhere.
 TEST(FstabLine, SeparatesAtTabsIfThereAreAny)
 {

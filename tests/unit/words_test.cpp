@@ -98,3 +98,48 @@ TEST(StripDev, TakesTheFolderOffTheFront)
     for (const auto &c : cases)
         EXPECT_EQ(strip_dev(c.word), c.name) << c.word;
 }
+
+// The four characters that the kernel escapes in its tables, and no other.
+TEST(KernelTable, EscapesFourCharactersAndNoOther)
+{
+    static const struct {
+        const char *path;
+        const char *text;
+    } cases[] = {
+        {"", ""},
+        {"/mnt/sdb1", "/mnt/sdb1"},
+        {"/mnt/^two words", "/mnt/^two\\040words"},
+        {"a\tb\nc\\d", "a\\011b\\012c\\134d"},
+        {"  ", "\\040\\040"},
+        {"\\040", "\\134040"}, // a name that looks like an escape
+        {"#,\xC3\xBC\x01", "#,\xC3\xBC\x01"},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(as_in_kernel_table(c.path), c.text);
+        EXPECT_EQ(from_kernel_table(c.text), c.path);
+    }
+}
+
+// Any byte may stand there in octal digits; what is no escape stands for itself.
+TEST(KernelTable, ReadsEveryEscapeAndLeavesTheRest)
+{
+    static const struct {
+        const char *text;
+        const char *path;
+    } cases[] = {
+        {"\\043\\303\\274", "#\xC3\xBC"},
+        {"\\377\\001", "\xFF\x01"},
+        {"\\", "\\"},
+        {"a\\", "a\\"},
+        {"\\04", "\\04"},
+        {"\\04x", "\\04x"},
+        {"\\048", "\\048"},
+        {"\\08x", "\\08x"},
+        {"\\400", "\\400"}, // more than a byte
+        {"\\x20", "\\x20"},
+        {"\\\\040", "\\ "},
+        {"\\0401", " 1"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(from_kernel_table(c.text), c.path) << c.text;
+}
