@@ -1,0 +1,157 @@
+// hotplug-notice: tells quarryd of one block event of the kernel. Run by the hotplug hook and by
+// udev for every event, with ACTION and DEVPATH in the environment; never in their way for longer
+// than a second and a half, and never a reason for them to fail when the daemon is not there.
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using Clock = std::chrono::steady_clock;
+
+static const std::chrono::milliseconds patience(1500);
+static const std::chrono::milliseconds pause_between_attempts(20);
+static const char socket_name[] = "quarryd";
+
+enum Outcome { OUTCOME_TOLD, OUTCOME_NO_DAEMON, OUTCOME_FAILED };
+
+static int complain(const char *what)
+{
+    fprintf(stderr, "hotplug-notice: %s\n", what);
+    return 0;
+}
+
+static int milliseconds_until(Clock::time_point deadline)
+{
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+}
+
+// Waits until the socket is ready. 0, with a line on stderr, when time is up.
+static int wait_for(int fd, short events, Clock::time_point deadline)
+{
+    pollfd request = {fd, events, 0};
+    int ready = 0;
+    do {
+        ready = poll(&request, 1, milliseconds_until(deadline));
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0 || complain("the daemon takes too long");
+}
+
+// Connects. A daemon that is busy has a full queue: that is waited for.
+static Outcome connect_to_daemon(int fd, Clock::time_point deadline)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path + 1, socket_name, strlen(socket_name)); // behind a zero byte: abstract
+    const socklen_t length =
+        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + strlen(socket_name));
+    while (connect(fd, reinterpret_cast<sockaddr *>(&address), length) < 0) {
+        if (errno != EAGAIN && errno != EINTR)
+            return OUTCOME_NO_DAEMON;
+        if (milliseconds_until(deadline) == 0) {
+            complain("the daemon takes too long");
+            return OUTCOME_FAILED;
+        }
+        poll(nullptr, 0, static_cast<int>(pause_between_attempts.count()));
+    }
+    return OUTCOME_TOLD;
+}
+
+// Anybody may take an abstract name; only root's daemon is to know of the machine's events.
+static int belongs_to_root(int fd)
+{
+    ucred peer = {};
+    socklen_t length = sizeof(peer);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.uid == 0)
+        return 1;
+    return complain("the daemon's socket is not root's");
+}
+
+static int send_request(int fd, const std::string &request, Clock::time_point deadline)
+{
+    size_t sent = 0;
+    while (sent < request.size()) {
+        const ssize_t count = send(fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
+        if (count >= 0)
+            sent += static_cast<size_t>(count);
+        else if (errno != EAGAIN)
+            return complain(strerror(errno));
+        else if (!wait_for(fd, POLLOUT, deadline))
+            return 0;
+    }
+    return 1;
+}
+
+// Reads the one line of reply.
+static int read_reply(int fd, std::string &reply, Clock::time_point deadline)
+{
+    const size_t reply_limit = 4096;
+    while (reply.find('\n') == std::string::npos) {
+        char chunk[256];
+        if (!wait_for(fd, POLLIN, deadline))
+            return 0;
+        const ssize_t count = recv(fd, chunk, sizeof(chunk), 0);
+        if (count < 0 && errno == EAGAIN)
+            continue;
+        if (count <= 0 || reply.size() > reply_limit)
+            return complain("the daemon does not answer");
+        reply.append(chunk, static_cast<size_t>(count));
+    }
+    reply.erase(reply.find('\n'));
+    return 1;
+}
+
+static Outcome tell(const std::string &action, const std::string &device_path)
+{
+    const Clock::time_point deadline = Clock::now() + patience;
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        complain(strerror(errno));
+        return OUTCOME_FAILED;
+    }
+    const Outcome connected = connect_to_daemon(fd, deadline);
+    if (connected != OUTCOME_TOLD)
+        return connected;
+    const std::string request = "notify " + action + " \"" + device_path + "\"\n";
+    std::string reply;
+    if (!belongs_to_root(fd) || !send_request(fd, request, deadline) ||
+        !read_reply(fd, reply, deadline))
+        return OUTCOME_FAILED;
+    // A daemon that polls wants no notices; that is no fault of anybody's.
+    if (reply.starts_with("OK") || reply == "ERR hotplug mode not enabled")
+        return OUTCOME_TOLD;
+    complain(reply.c_str());
+    return OUTCOME_FAILED;
+}
+
+static std::string environment(const char *name)
+{
+    const char *value = getenv(name);
+    return value ? value : "";
+}
+
+int main(int argc, char **)
+{
+    if (argc > 1) {
+        fprintf(stderr, "usage: ACTION=add|remove DEVPATH=/devices/... hotplug-notice\n");
+        return 2;
+    }
+    const std::string action = environment("ACTION");
+    const std::string device_path = environment("DEVPATH");
+    // Never "change": reading a drive makes such an event, and the daemon reads what it is told of.
+    if (action != "add" && action != "remove")
+        return 0;
+    if (device_path.empty() || device_path.find_first_of("\"\r\n") != std::string::npos) {
+        complain("no device path");
+        return 1;
+    }
+    return tell(action, device_path) == OUTCOME_FAILED ? 1 : 0;
+}
