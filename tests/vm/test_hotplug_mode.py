@@ -19,17 +19,17 @@ def field(listing, name, number):
 
 def test_presence_files_choose_the_mode(fresh):
     """Both files of the hotplug system, regular and executable, make hotplug mode the default;
-    one of them that is missing or not executable leaves polling."""
+    one of them that is missing or not executable leaves polling. The hook is there as installed."""
     def mode(*args):
         daemon = fresh.daemon(args)
         out = fresh.wait_until(lambda: daemon.out() if "Main label" in daemon.out() else None, 10)
         assert daemon.stop() == 0
         return out.splitlines()[:-2]
-    assert mode() == ["Polling mode enabled"]
-    for path in PRESENCE_FILES:
-        fresh.put(path, "#!/bin/sh\n", 0o755)
     said = ["/sbin/hotplug present and executable",
             "/etc/hotplug.d/block/quarryd.hotplug is present and executable"]
+    assert mode() == said[1:] + ["Polling mode enabled"]
+    for path in PRESENCE_FILES:
+        fresh.put(path, "#!/bin/sh\n", 0o755)
     assert mode() == said + ["Hotplug mode enabled"]
     assert mode("--polling") == said + ["Polling mode enabled"]
     fresh.sh("chmod -x " + PRESENCE_FILES[1])
@@ -38,6 +38,8 @@ def test_presence_files_choose_the_mode(fresh):
     hotplug, hook = PRESENCE_FILES
     fresh.sh("chmod 0010 %s; rm %s; mkdir %s" % (hook, hotplug, hotplug))
     assert mode() == said[1:] + ["Polling mode enabled"]
+    fresh.sh("rm " + hook)
+    assert mode() == ["Polling mode enabled"]
 
 
 def test_nothing_is_polled(fresh):

@@ -7,6 +7,7 @@ import pytest
 from rig import Disk
 
 DISKS = [Disk("sata", 32 << 20, id="disk")]
+HOOK = "/etc/hotplug.d/block/quarryd.hotplug is present and executable\n"
 
 USAGE = """quarryd [options]
 Quarryd storage daemon v2.0
@@ -25,11 +26,11 @@ Quarryd storage daemon v2.0
     ("foo", "Unknown parameter foo\n"), ("help", "Unknown parameter help\n"),
 ], ids=lambda text: text if text.startswith("-") or len(text) < 5 else "")
 def test_options_refused(fresh, argument, said):
-    """Help and unknown arguments are answered on standard error alone, with status 1, before
-    anything is touched."""
+    """Help and unknown arguments are answered on standard error, with status 1, before anything
+    is touched; the hook that was installed with the daemon is mentioned before all else."""
     daemon = fresh.daemon([argument], ready=False)
     assert daemon.wait(10) == 1
-    assert (daemon.out(), daemon.err()) == ("", said)
+    assert (daemon.out(), daemon.err()) == (HOOK, said)
     assert fresh.syslog() == []
     assert fresh.sh("[ -e /var/quarryd ]", check=False).rc == 1
 
@@ -41,7 +42,7 @@ def test_all_lines_of_a_start(fresh):
     daemon = fresh.daemon(["--polling"])
     out = fresh.wait_until(lambda: daemon.out() if "Main label" in daemon.out() else None)
     err = daemon.err()
-    assert out == "Polling mode enabled\nMain part sig: ''\nMain label: ''\n"
+    assert out == HOOK + "Polling mode enabled\nMain part sig: ''\nMain label: ''\n"
     disk = fresh.node("disk")
     lines = err.splitlines()
     assert lines[:7] == ["user nobody:   uid=65534 gid=65534", "user schedule: uid=901 gid=901",
@@ -121,7 +122,7 @@ def test_last_mode_option_wins(fresh):
     for args, mode in ((["--hotplug", "--polling"], "Polling"),
                        (["-polling", "-hotplug"], "Hotplug")):
         daemon = fresh.daemon(args)
-        assert daemon.out().startswith(mode + " mode enabled\n")
+        assert daemon.out().startswith(HOOK + mode + " mode enabled\n")
         assert [line for line in daemon.err().splitlines() if line.startswith("Unknown")] == [
             "Unknown switch " + a for a in args]
         assert daemon.stop() == 0

@@ -22,7 +22,8 @@ def as_root(argv):
     """The command with root's rights, through sudo when somebody else runs this."""
     if os.geteuid() == 0:
         return argv
-    return ["sudo", "--preserve-env=QUARRYD_CACHE,XDG_CACHE_HOME,HOME,PATH,LC_ALL"] + argv
+    return ["sudo", "--preserve-env=QUARRYD_CACHE,QUARRYD_GUEST_PACKAGES,XDG_CACHE_HOME,HOME,PATH,"
+            "LC_ALL"] + argv
 
 
 @functools.cache
