@@ -137,6 +137,7 @@ static bool claim(const std::string &name, Claim by)
     if (name == boot_drive || name == boot_partition)
         return false;
     Trial trial = {name, "/dev/" + name, "/mnt/" + name};
+    ReadProcMounts(); // somebody may have mounted it since the last reading, a second ago
     const unsigned long mode = by == CLAIM_BY_SIGNATURE ? MS_RDONLY : 0;
     if (!FindMount("device", trial.device_path) && !mount_trial(trial, mode | MS_NOSUID | MS_NODEV))
         return false;
@@ -199,6 +200,18 @@ static bool examine_partitions(const BlockDevice &drive)
     return false;
 }
 
+// Whether a drive has partitions and each of them was examined, or never will be. Its own label is
+// then of no use to the search, however often hotplug mode forgets it.
+static bool is_exhausted(const BlockDevice &drive)
+{
+    for (const auto &[name, flag] : drive.partitions) {
+        const PartitionDevice *partition = find_partition(name);
+        if (partition && !partition->scanned && !is_raid_member(name))
+            return false;
+    }
+    return !drive.partitions.empty();
+}
+
 bool search_main_partition()
 {
     for (auto &[name, drive] : blockdev_list) {
@@ -206,7 +219,7 @@ bool search_main_partition()
             drive->scanned = 1;
             continue;
         }
-        if (!drive->scanned)
+        if (!drive->scanned && !is_exhausted(*drive))
             learn_label(*drive);
         bool found = false;
         if (!drive->partitions.empty()) {

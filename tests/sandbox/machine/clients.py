@@ -88,12 +88,13 @@ class Client:
 
 
 def wait_until(condition, timeout=10.0, what=None):
-    """Waits for a condition to come true and returns its value."""
+    """Waits for a condition to come true and returns its value; what: a text, or what makes one."""
     deadline = time.monotonic() + timeout
     while True:
         value = condition()
         if value:
             return value
         if time.monotonic() > deadline:
-            raise AssertionError(f"waited {timeout} seconds in vain for {what or condition}")
+            wanted = what() if callable(what) else what or condition
+            raise AssertionError(f"waited {timeout} seconds in vain for {wanted}")
         time.sleep(0.01)
