@@ -23,7 +23,8 @@ static const size_t line_limit = 1023;
 static const size_t link_limit = 511;
 static const off_t least_useful_size = 1048576;
 
-// The path in a line of the table: everything before the first blank.
+// The path in a line of the table, escaped as the kernel does it: everything before the first
+// blank.
 static std::string area_in(std::string_view line)
 {
     line = line.substr(0, line_limit);
@@ -68,10 +69,10 @@ int SwapFileActive()
     std::string candidate;
     if (!find_main_directory(candidate))
         return 0;
-    candidate += "/" + settings.swap_name;
+    const std::string listed = as_in_kernel_table(candidate + "/" + settings.swap_name);
     LineReader lines(table);
     for (std::string_view line; lines.Next(line);) {
-        if (area_in(line) == candidate)
+        if (area_in(line) == listed)
             return 1;
     }
     return 0;
@@ -172,7 +173,7 @@ static void switch_off(const char *announcement, bool (*is_wanted)(const std::st
         if (!is_wanted(area))
             continue;
         fprintf(stderr, " --> %s\n", area.c_str());
-        if (swapoff(area.c_str()) < 0)
+        if (swapoff(from_kernel_table(area).c_str()) < 0)
             fprintf(stderr, "      ! %s\n", strerror(errno));
     }
 }
