@@ -1,6 +1,7 @@
 // Which command a request asks for, who may give it, and the short commands themselves.
 #include "protocol/command_table.h"
 
+#include <linux/cdrom.h>
 #include <sys/socket.h>
 
 #include "base/daemon_state.h"
@@ -9,6 +10,7 @@
 #include "made_up_machine.h"
 #include "mount/mount_tables.h"
 #include "protocol/socket_connection.h"
+#include "registry/block_device.h"
 #include "registry/device_list.h"
 
 class CommandTable : public MadeUpMachineTest {
@@ -135,6 +137,9 @@ TEST_F(CommandTable, RefusalsHaveTheirOwnWords)
     static const struct {
         const char *request, *reply;
     } cases[] = {
+        {"swapoff", "ERR auth required\n"},
+        {"swapon", "ERR auth required\n"},
+        {"notify add /block/sdb", "ERR authorization required\n"},
         {"refresh", "ERR you must be root to do that\n"},
         {"hotplug", "ERR authorization required\n"},
         {"poll", "ERR authorization required\n"},
@@ -149,6 +154,8 @@ TEST_F(CommandTable, RefusalsHaveTheirOwnWords)
     }
     EXPECT_EQ(errors.Take(), "");
     EXPECT_EQ(machine.Opened("/sys/block"), 0);
+    EXPECT_EQ(machine.Opened("/proc/swaps"), 0);
+    EXPECT_TRUE(blockdev_list.empty());
     EXPECT_TRUE(is_raid_member("sdb"));
 }
 
@@ -181,6 +188,91 @@ TEST_F(CommandTable, RefreshReadsEverythingAgain)
                   4U);
         EXPECT_EQ(errors.Take(), mode == 0 ? "Device sdd just appeared (polling)\n" : "");
     }
+}
+
+// Root switches swap; the reply follows the result.
+TEST_F(CommandTable, RootSwitchesSwap)
+{
+    settings.swap_name = "swap.img";
+    main_partition = "sda2";
+    machine.Write("/mnt/sda2/swap.img", std::string(1048576, '\0'));
+    machine.Write("/proc/swaps", "Filename\n");
+    machine.Script(Call::SWAPON, {fails(EPERM)});
+    EXPECT_EQ(Ask("swapon"), "ERR swap enable failed\n");
+    EXPECT_EQ(Ask("swapon now"), "OK swap enabled\n");
+    EXPECT_EQ(Ask("swapoff"), "OK swap disabled\n"); // it was not on
+    EXPECT_TRUE(machine.Deeds("swapoff").empty());
+    machine.Write("/proc/swaps", "Filename\n/mnt/sda2/swap.img file 1 0 -2\n");
+    machine.Script(Call::SWAPOFF, {fails(ENOMEM)});
+    EXPECT_EQ(Ask("swapoff"), "ERR swap disable failed\n");
+    EXPECT_EQ(Ask("swapoff now"), "OK swap disabled\n");
+    EXPECT_EQ(machine.Deeds("swapoff"), std::vector<std::string>(2, "swapoff /mnt/sda2/swap.img"));
+    EXPECT_EQ(Ask("swapon"), "OK swap enabled\n"); // on already: the kernel is not asked
+    EXPECT_EQ(machine.Deeds("swapon").size(), 2U);
+}
+
+// The word after "eject" and "retract" is the drive; a missing one is no drive.
+TEST_F(CommandTable, TraysMoveForTheDriveNamed)
+{
+    const std::string unknown = "ERR device does not exist or is not maintained by this service\n";
+    std::vector<unsigned long> requests;
+    machine.on_ioctl = [&](unsigned long request, void *) {
+        requests.push_back(request);
+        return 0;
+    };
+    machine.AddDrive("sr0", "8");
+    blockdev_list["sr0"] = new BlockDevice("sr0");
+    blockdev_list["sr0"]->type = "CD-ROM";
+    EXPECT_EQ(Ask("eject sr0"), "OK device ejected\n");
+    EXPECT_EQ(Ask("eject /dev/sr0 now", 65534), "OK device ejected\n");
+    EXPECT_EQ(Ask("retract sr0", 65534), "OK device retracted tray\n");
+    EXPECT_EQ(Ask("retract \"/dev/sr0\""), "OK device retracted tray\n");
+    EXPECT_EQ(requests,
+              std::vector<unsigned long>({CDROMSTOP, CDROMEJECT, CDROMSTOP, CDROMEJECT,
+                                          CDROMCLOSETRAY, CDROMSTART, CDROMCLOSETRAY, CDROMSTART}));
+    for (const char *request : {"eject", "retract", "eject x sr0", "retract /dev/", "eject \"\""})
+        EXPECT_EQ(Ask(request), unknown) << request;
+}
+
+// A notice is refused for the first of three reasons, and otherwise thanked for, come what may.
+TEST_F(CommandTable, NoticeIsCheckedInOrder)
+{
+    const std::string off = "ERR hotplug mode not enabled\n";
+    const std::string stranger = "ERR authorization required\n";
+    const std::string nonsense = "ERR invalid device string\n";
+    const std::string thanks = "OK thank you\n";
+    static const char *const notices[] = {
+        "notify",
+        "notify add",
+        "notify add sdb1",
+        "notify add \"\"",
+        "notify add /",
+        "notify add //",
+        "notify add /block/",
+        "notify /block/sdb",
+        "notify add /block/sdb/ ",
+    };
+    for (const char *notice : notices) {
+        for (uid_t uid : {0U, 1U}) {
+            hotplug_mode = 0;
+            EXPECT_EQ(Ask(notice, uid), off) << notice;
+            hotplug_mode = 1;
+            EXPECT_EQ(Ask(notice, uid), uid == 0 ? nonsense : stranger) << notice;
+        }
+    }
+    hotplug_mode = 0;
+    EXPECT_EQ(Ask("notify add /block/sdb"), off);
+    EXPECT_EQ(errors.Take(), "");
+    EXPECT_TRUE(blockdev_list.empty());
+    hotplug_mode = 1;
+    EXPECT_EQ(Ask("notify remove /block/sdb"), thanks);
+    EXPECT_EQ(Ask("notify add /block/sdb/sdb1 more"), thanks);
+    EXPECT_EQ(Ask("notify add /sr0"), thanks);
+    EXPECT_TRUE(device_exists("sdb"));
+    EXPECT_TRUE(device_exists("sdb1"));
+    EXPECT_TRUE(device_exists("sr0"));
+    EXPECT_TRUE(errors.Take().starts_with("Notify remove sdb parent sdb\n"
+                                          "Notify add sdb1 parent sdb\n"));
 }
 
 // Every known device is looked at for a superblock, in the order of names, drives first.
