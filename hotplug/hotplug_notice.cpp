@@ -1,21 +1,26 @@
 // hotplug-notice: tells quarryd of one block event of the kernel. Run by the hotplug hook and by
-// udev for every event, with ACTION and DEVPATH in the environment; never in their way for longer
-// than a second and a half, and never a reason for them to fail when the daemon is not there.
+// udev for every event, with ACTION and DEVPATH in the environment; gone within two seconds
+// whatever the daemon does. Status 0: told, or nobody there who wants to know; 1: not told, the
+// reason is on stderr; 2: called in a wrong way.
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 using Clock = std::chrono::steady_clock;
 
-static const std::chrono::milliseconds patience(1500);
+static const std::chrono::milliseconds patience(1400);
+static const timeval last_moment = {1, 800000}; // longer than patience, shorter than two seconds
 static const std::chrono::milliseconds pause_between_attempts(20);
 static const char socket_name[] = "quarryd";
 
@@ -34,15 +39,42 @@ static int milliseconds_until(Clock::time_point deadline)
     return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
+// However the waiting goes, a stderr that takes nothing can hold this up: then the alarm ends it.
+static void limit_lifetime()
+{
+    sigset_t alarm_only;
+    sigemptyset(&alarm_only);
+    sigaddset(&alarm_only, SIGALRM);
+    signal(SIGALRM, SIG_DFL);
+    sigprocmask(SIG_UNBLOCK, &alarm_only, nullptr);
+    const itimerval timer = {{0, 0}, last_moment};
+    setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+// A socket whose number is none of the standard streams': what is complained about where stderr was
+// closed must not go to whoever listens.
+static int open_socket()
+{
+    const int any = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (any < 0 || any > STDERR_FILENO)
+        return any;
+    const int fd = fcntl(any, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(any);
+    return fd;
+}
+
 // Waits until the socket is ready. 0, with a line on stderr, when time is up.
 static int wait_for(int fd, short events, Clock::time_point deadline)
 {
     pollfd request = {fd, events, 0};
-    int ready = 0;
-    do {
-        ready = poll(&request, 1, milliseconds_until(deadline));
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0 || complain("the daemon takes too long");
+    while (const int left = milliseconds_until(deadline)) {
+        const int ready = poll(&request, 1, left);
+        if (ready > 0)
+            return 1;
+        if (ready < 0 && errno != EINTR)
+            return complain(strerror(errno));
+    }
+    return complain("the daemon takes too long");
 }
 
 // Connects. A daemon that is busy has a full queue: that is waited for.
@@ -112,7 +144,7 @@ static int read_reply(int fd, std::string &reply, Clock::time_point deadline)
 static Outcome tell(const std::string &action, const std::string &device_path)
 {
     const Clock::time_point deadline = Clock::now() + patience;
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    const int fd = open_socket();
     if (fd < 0) {
         complain(strerror(errno));
         return OUTCOME_FAILED;
@@ -140,17 +172,25 @@ static std::string environment(const char *name)
 
 int main(int argc, char **)
 {
+    limit_lifetime();
+    signal(SIGPIPE, SIG_IGN); // nobody may be reading what is complained about
     if (argc > 1) {
         fprintf(stderr, "usage: ACTION=add|remove DEVPATH=/devices/... hotplug-notice\n");
         return 2;
     }
     const std::string action = environment("ACTION");
     const std::string device_path = environment("DEVPATH");
-    // Never "change": reading a drive makes such an event, and the daemon reads what it is told of.
+    // Never "change": opening a drive for writing makes such an event, so that a program that looks
+    // at what it is told of would be told again and again.
     if (action != "add" && action != "remove")
         return 0;
-    if (device_path.empty() || device_path.find_first_of("\"\r\n") != std::string::npos) {
-        complain("no device path");
+    if (device_path.empty()) {
+        complain("an event without DEVPATH");
+        return 1;
+    }
+    // These would end the quoted word, or the request.
+    if (device_path.find_first_of("\"\r\n") != std::string::npos) {
+        complain("this device path cannot be passed on");
         return 1;
     }
     return tell(action, device_path) == OUTCOME_FAILED ? 1 : 0;

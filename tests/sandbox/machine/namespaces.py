@@ -28,6 +28,8 @@ HOST_USR = "/.usr"  # the host's /usr, read-only
 REAL_PROC = "/.proc"  # the kernel's own list of processes; /proc itself is made up
 DAEMON = "/usr/sbin/quarryd"
 ROOM = "/.room"  # single operations of the daemon, built beside it
+HOTPLUG_NOTICE = "/usr/libexec/quarryd/hotplug-notice"
+HOTPLUG_HOOK = "/.quarryd.hotplug"  # as built; where it belongs, it would choose the daemon's mode
 REAL_PROBE = "/.volsniffer"  # the project's probe program; /usr/bin/volsniffer is made up
 
 
@@ -180,7 +182,15 @@ def _make_root():
     _bind_at(root, TESTS, TESTS)
     daemon, probe = os.environ.get("QUARRYD", ""), os.environ.get("VOLSNIFFER", "")
     room = os.path.join(os.path.dirname(daemon), "../tests/sandbox/room/room")
-    for program, path in ((daemon, DAEMON), (probe, REAL_PROBE), (room, ROOM)):
+    notice = os.environ.get("HOTPLUG_NOTICE", "")
+    hook = os.path.join(os.path.dirname(notice), "quarryd.hotplug")
+    for program, path in (
+        (daemon, DAEMON),
+        (probe, REAL_PROBE),
+        (room, ROOM),
+        (notice, HOTPLUG_NOTICE),
+        (hook, HOTPLUG_HOOK),
+    ):
         if os.path.isfile(program):
             _bind_at(root, program, path)
     kernel.pivot_root(root, f"{root}/.old")
@@ -192,14 +202,14 @@ def _make_root():
 
 
 def _bind_programs(root):
-    """The host's /usr, with a /usr/bin and /usr/sbin of links that more can be added to."""
+    """The host's /usr, with folders of programs that are links and that more can be added to."""
     os.mkdir(root + HOST_USR)
     kernel.bind("/usr", root + HOST_USR)
     os.mkdir(f"{root}/usr")
     for name in os.listdir("/usr"):
-        if name not in ("bin", "sbin"):
+        if name not in ("bin", "sbin", "libexec"):
             os.symlink(f"{HOST_USR}/{name}", f"{root}/usr/{name}")
-    for folder in ("bin", "sbin"):
+    for folder in ("bin", "sbin", "libexec"):
         os.mkdir(f"{root}/usr/{folder}")
         for name in os.listdir(f"/usr/{folder}"):
             if name not in ("volsniffer", "quarryd"):
