@@ -56,13 +56,16 @@ class Client:
         return line + end
 
     def reply(self):
-        """One whole reply: lines up to the first that does not begin with OK-."""
+        """One whole reply: lines up to the first that does not begin with OK-, and the empty line
+        that belongs to a mount that succeeded."""
         lines = []
         while not lines or lines[-1].startswith(b"OK-"):
             line = self.line()
             if not line:
                 raise EOFError(f"the daemon hung up after {b''.join(lines)!r}")
             lines.append(line)
+        if lines == [b"OK mount succeeded\n"]:
+            lines.append(self.line())
         return b"".join(lines).decode("utf-8", "surrogateescape")
 
     def ask(self, request):

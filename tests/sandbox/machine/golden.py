@@ -19,7 +19,7 @@ import os
 import re
 import shlex
 
-from . import disk_formats
+from . import disk_formats, stand_ins
 from .clients import wait_until
 from .drives import CONTROLLERS, link, write
 
@@ -57,6 +57,8 @@ STEPS = {
     "mounted": lambda m, *fields: m.add_mount_line(" ".join(fields)),
     "unmounted": lambda m, device: m.drop_mount_line(device),
     "process": _process,  # process 1000001 fds=/dev/sda,/mnt/x cwd=/mnt/y
+    # programs and scripts that a mount runs: see stand_ins
+    "exfat-stick": lambda m, name, label: stand_ins.exfat_stick(m, name, _text(label)),
     "no-user": lambda m, *names: m.users(without=names),
     # files
     "file": lambda m, path, text="": write(path, _text(text)),
