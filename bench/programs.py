@@ -8,6 +8,7 @@ BUILD = os.environ.get("QUARRYD_BENCH_BUILD", os.path.join(SOURCE, "build", "ben
 PATHS = {
     "quarryd": "src/quarryd",
     "volsniffer": "volsniffer/volsniffer",
+    "hotplug-notice": "hotplug/hotplug-notice",
     "poll_bench": "bench/poll_bench",
     "listing_bench": "bench/listing_bench",
 }
