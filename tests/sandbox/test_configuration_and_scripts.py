@@ -144,6 +144,62 @@ def test_start_script_has_thirty_seconds(machine):
     assert words == ["/root/start", "-startup"]
 
 
+@pytest.mark.seconds(90)
+def test_start_script_that_runs_too_long_is_ended_by_its_alarm(machine):
+    """After thirty seconds, by SIGALRM; the daemon reports it and goes on as before."""
+    start_script(machine, "exec sleep 60\n")
+    daemon = machine.start(trace=("-e", "trace=execve", "-e", "signal=SIGALRM"))
+    begun = time.monotonic()
+    sleep(27)
+    assert "died" not in daemon.stderr()
+    daemon.wait_for(" died\n", timeout=8)
+    assert 28.5 < time.monotonic() - begun < 33
+    script = next(line.split()[0] for line in daemon.trace() if 'execve("/root/start"' in line)
+    assert f"Process {script} died\n" in daemon.stderr()
+    assert any(
+        line.startswith(script + " ") and "killed by SIGALRM" in line for line in daemon.trace()
+    )
+    assert machine.ask("list").endswith("OK  eom\n")
+
+
+def test_start_script_may_leave_processes_behind(machine):
+    """It has ended when it has ended itself: what it started is nobody's child any more."""
+    start_script(machine, "sleep 30 & echo $! > /root/pid\n")
+    daemon = machine.start()
+    daemon.wait_for(" died\n")
+    with open("/root/pid") as file:
+        left_behind = int(file.read())
+    assert daemon.children() == []
+    machine.settle()
+    daemon.stop()
+    assert daemon.stderr().count(" died\n") == 1
+    assert os.readlink(f"{REAL_PROC}/{left_behind}/exe").endswith("/sleep")
+
+
+def test_a_daemon_that_is_restarted_leaves_the_old_start_script_alone(machine):
+    """The new daemon knows nothing of it and starts its own beside it."""
+    start_script(machine, "echo $$ >> /root/pids; exec sleep 30\n")
+
+    def pids():
+        if not os.path.exists("/root/pids"):
+            return []
+        with open("/root/pids") as file:
+            return [int(line) for line in file]
+
+    machine.start()
+    wait_until(pids)
+    machine.stop()
+    second = machine.start()
+    first_script, second_script = wait_until(lambda: len(pids()) == 2 and pids())
+    machine.settle()
+    for script in (first_script, second_script):
+        assert os.readlink(f"{REAL_PROC}/{script}/exe").endswith("/sleep")
+    assert second.children() == [second_script]
+    os.kill(first_script, 9)
+    machine.settle()
+    assert "died" not in second.stderr()
+
+
 def test_start_script_keeps_nobody_waiting(machine):
     start_script(machine, "echo $$ > /root/pid; exec sleep 20\n")
     daemon = machine.start()
@@ -255,6 +311,14 @@ def test_stop_script_that_hangs_is_ended_by_its_alarm(machine):
     start = time.monotonic()
     machine.stop()
     assert 4.5 < time.monotonic() - start < 8
+
+
+def test_stop_script_that_does_not_heed_the_alarm_is_waited_for(machine):
+    """The alarm is the only limit, and a script may set it aside."""
+    stop_script(machine, "trap '' ALRM; sleep 6.5; touch /root/ran\n")
+    machine.start()
+    machine.stop()
+    assert os.path.exists("/root/ran")
 
 
 def test_stop_script_that_fails_changes_nothing(machine):

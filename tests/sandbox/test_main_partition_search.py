@@ -741,8 +741,11 @@ def test_start_script_runs_once_and_after_everything_else(machine):
     machine.stop()
     with open("/root/ran") as file:
         assert file.read() == "/root/start -startup\n"
-    options = "rw,remount,usrquota,grpquota,jqfmt=vfsv0,usrjquota=aquota.user,grpjquota=aquota.group"
-    assert machine.calls("mount") == [f"-o {options} /mnt/sdb1", "-o remount,acl /mnt/sdb1"]
+    files = "usrjquota=aquota.user,grpjquota=aquota.group"
+    assert machine.calls("mount") == [
+        f"-o rw,remount,usrquota,grpquota,jqfmt=vfsv0,{files} /mnt/sdb1",
+        "-o remount,acl /mnt/sdb1",
+    ]
     lines = daemon.trace()
     steps = [
         r"mount\(NULL.*MS_REMOUNT",
