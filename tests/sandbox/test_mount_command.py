@@ -13,6 +13,7 @@ from machine.clients import wait_until
 from machine.drives import write
 from machine.kernel import MS_NODEV, FileWatch
 from machine.machine import sleep
+from machine.traces import calls_during, own_calls, traced
 
 MOUNTED = "OK mount succeeded\n\n"
 NOT_SHOWN = "ERR mount succeeded but procfs doesn't show it\n"
@@ -26,20 +27,6 @@ def stick(machine, filesystem, label="DATA", types=("ext4", "ext3", "ext2", "vfa
     machine.part("sdb1", 4096)
     machine.probe_says("sdb1", label, filesystem)
     write("/proc/filesystems", "nodev\tproc\n" + "".join(f"\t{name}\n" for name in types))
-
-
-def traced(*injections, calls="mount,umount2"):
-    """Arguments for strace; an injection is what stands behind inject=."""
-    words = ["-e", f"trace={calls}"]
-    for injection in injections:
-        words += ["-e", f"inject={injection}"]
-    return words
-
-
-def own_calls(daemon, name):
-    """The daemon's own calls of that name, less those of its children."""
-    lines = [line.split(None, 1) for line in daemon.trace()]
-    return [text for pid, text in lines if int(pid) == daemon.pid and text.startswith(name + "(")]
 
 
 def timed(client, request):
@@ -767,16 +754,6 @@ def test_a_client_that_leaves_during_its_mount_gets_it_all_the_same(machine):
 
 
 # Success takes no nap.
-
-
-def calls_during(daemon, request):
-    """The daemon's own calls between the arrival of a request and its reply."""
-    wait_until(lambda: any(f'"{request}' in line for line in daemon.trace()))
-    lines = [line.split(None, 1) for line in daemon.trace()]
-    own = [text for pid, text in lines if int(pid) == daemon.pid]
-    start = next(i for i, line in enumerate(own) if f'"{request}' in line)
-    end = next(i for i, line in enumerate(own) if i > start and line.startswith("sendto"))
-    return own[start : end + 1]
 
 
 def test_no_path_that_succeeds_sleeps(machine):
