@@ -78,9 +78,11 @@ class FileSystems:
         self.sh(mkfs_command(path, kind, label), timeout=120)
 
 
-def mkfs_command(path, kind, label):
+def mkfs_command(path, kind, label, folder=None):
     """The shell command that makes a file system (in the guest, or in the image's tree). hfs+
-    wants mkhfsplus.py in /run/rig."""
+    wants mkhfsplus.py in /run/rig. folder: what an ext file system is to hold."""
+    if folder and not kind.startswith("ext"):
+        raise ValueError("only ext file systems are made with files")
     def quote(text):
         return "'" + text.replace("'", "'\\''") + "'"
     p = quote(path)
@@ -89,7 +91,8 @@ def mkfs_command(path, kind, label):
     def with_label(option):
         return "%s%s" % (option, quote(label)) if label else ""
     if kind in ("ext2", "ext3", "ext4"):
-        return wipe + "mkfs.%s -q -F %s %s" % (kind, with_label("-L "), p)
+        files = "-d %s " % quote(folder) if folder else ""
+        return wipe + "mkfs.%s -q -F %s%s %s" % (kind, files, with_label("-L "), p)
     if kind == "xfs":      # the three settings let mkfs.xfs make file systems below 300 MB
         return "TEST_DIR=/x TEST_DEV=/x QA_CHECK_FS=1 mkfs.xfs -q -f %s %s" % (with_label("-L "), p)
     if kind == "btrfs":    # -M: file systems below 109 MB

@@ -43,6 +43,14 @@ class _Bench:
         if done.returncode:
             raise RigError("%s\n%s" % (command, done.stdout.decode(errors="replace")))
 
+    def folder(self, files):
+        """A folder with these files, as the tree knows it; None without any."""
+        if not files:
+            return None
+        folder = tempfile.mkdtemp(dir=self.dir)
+        _fill(folder, files)
+        return self.inside + "/" + os.path.basename(folder)
+
     def __exit__(self, *exc):
         shutil.rmtree(self.dir, ignore_errors=True)
 
@@ -70,18 +78,18 @@ def blank(path, size):
     return path
 
 
-def fs(path, size, kind, label=None):
-    """A file with one file system (no partition table)."""
+def fs(path, size, kind, label=None, files=None):
+    """A file with one file system (no partition table). files, for ext: {path: data}."""
     with _Bench() as b:
         blank(b.dir + "/image", size)
-        b.run(mkfs_command(b.inside + "/image", kind, label))
+        b.run(mkfs_command(b.inside + "/image", kind, label, b.folder(files)))
         shutil.move(b.dir + "/image", path)
     return path
 
 
 def disk(path, size, parts, table="dos"):
-    """A file with a partition table. parts: (size or None, type or None[, kind[, label]]) each;
-    kind names the file system made in it."""
+    """A file with a partition table. parts: (size or None, type or None[, kind[, label[, files]]])
+    each; kind names the file system made in it; files, for ext: {path: data}."""
     lines = ["label: " + table]
     for part in parts:
         fields = []
@@ -107,8 +115,9 @@ def disk(path, size, parts, table="dos"):
             if len(part) < 3:
                 continue
             blank("%s/part%d" % (b.dir, n), length)
-            label = part[3] if len(part) > 3 else None
-            commands.append(mkfs_command("%s/part%d" % (b.inside, n), part[2], label))
+            label, files = (part[3:] + (None, None))[:2]
+            commands.append(mkfs_command("%s/part%d" % (b.inside, n), part[2], label,
+                                         b.folder(files)))
         if commands:
             b.run("set -e\n" + "\n".join(commands))
         for n, (start, _) in enumerate(places):
