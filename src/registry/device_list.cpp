@@ -59,12 +59,20 @@ static void meet_partition(const std::string &name, BlockDevice *drive, int driv
     probe_partition(*pi->second, drive_directory_fd);
 }
 
-// What a vanished record needs before it can be deleted, whatever its kind.
+// What a vanished record needs before it can be deleted, whatever its kind. A notice makes records
+// by names alone: a drive such as nvme0n1 can have one as a partition too, and a loop device, which
+// the poll does not follow, has one until the poll. Such a record goes, but the device itself may
+// well be there and in use.
 static void retire(BlockDevice *device)
 {
-    forget_raid(device->device);
-    fprintf(stderr, "Device %s just disappeared (polling)\n", device->device.c_str());
-    release_vanished_device(device->device);
+    const std::string &name = device->device;
+    const BlockDevice *drive = find_drive(name);
+    const bool is_drive_still_there = drive && !drive->poll_mark;
+    if (!is_drive_still_there)
+        forget_raid(name);
+    fprintf(stderr, "Device %s just disappeared (polling)\n", name.c_str());
+    if (!is_drive_still_there && is_followed(name.c_str()))
+        release_vanished_device(name);
 }
 
 static void drop(BlockDevice *device)

@@ -8,6 +8,7 @@
 #include "inspect/raid_members.h"
 #include "made_up_machine.h"
 #include "mount/mount_tables.h"
+#include "registry/hotplug_notice.h"
 
 using Words = std::vector<std::string>;
 
@@ -237,6 +238,52 @@ TEST_F(DeviceList, OnePartitionGoesAlone)
     EXPECT_EQ(Said(), Words({"Device sdb1 just disappeared (polling)"}));
     EXPECT_EQ(blockdev_list["sdb"]->refcount, 2);
     EXPECT_EQ(blockdev_list["sdb"]->partitions, (std::map<std::string, bool>{{"sdb2", true}}));
+}
+
+// A notice knows a drive by its name alone and may take it for a partition. When that record goes
+// the drive is still there: nothing of it is unmounted, nobody is evicted, and its array keeps it.
+TEST_F(DeviceList, DriveOutlivesAPartitionOfItsName)
+{
+    machine.AddDrive("nvme0n1", "1000");
+    machine.Write("/proc/mounts", "/dev/nvme0n1 /mnt/nvme0n1 ext4 rw 0 0\n");
+    ReadProcMounts();
+    UpdateBlockDeviceList();
+    raid_members["nvme0n1"] = true;
+    take_hotplug_notice("add", "nvme0n1"); // as when all events are told again
+    EXPECT_EQ(Partitions(), Words({"nvme0n1"}));
+    raid_members["nvme0n1"] = true;
+    Said();
+    UpdateBlockDeviceList();
+    EXPECT_EQ(Said(), Words({"Device nvme0n1 just disappeared (polling)",
+                             "Device nvme0n just disappeared (polling)"}));
+    EXPECT_EQ(Drives(), Words({"nvme0n1"}));
+    EXPECT_EQ(Partitions(), Words());
+    EXPECT_EQ(machine.Deeds(), Words());
+    EXPECT_TRUE(is_raid_member("nvme0n1"));
+    machine.Remove("/sys/block/nvme0n1");
+    UpdateBlockDeviceList();
+    EXPECT_EQ(machine.Deeds("umount"), Words({"umount /mnt/nvme0n1"}));
+    EXPECT_FALSE(is_raid_member("nvme0n1"));
+}
+
+// Loop and RAM disks come by notices alone, and the next poll drops them without having looked for
+// them: that is no reason to unmount what they hold.
+TEST_F(DeviceList, LoopDeviceOfANoticeStaysMounted)
+{
+    for (const char *name : {"loop0", "ram1"}) {
+        machine.AddDrive(name, "1000");
+        machine.Write("/proc/mounts", std::string("/dev/") + name + " /mnt/image iso9660 ro 0 0\n");
+        ReadProcMounts();
+        take_hotplug_notice("add", name);
+        EXPECT_EQ(Drives(), Words({name}));
+        raid_members[name] = false;
+        Said();
+        UpdateBlockDeviceList();
+        EXPECT_EQ(Said(), Words({std::string("Device ") + name + " just disappeared (polling)"}));
+        EXPECT_EQ(Drives(), Words());
+        EXPECT_FALSE(is_raid_member(name));
+    }
+    EXPECT_EQ(machine.Deeds(), Words());
 }
 
 // A record that somebody holds still is deleted, and told of.
