@@ -120,6 +120,7 @@ SYSCALLS = {
     "swapoff": 168,
     "quotactl": 179,
     "openat": 257,
+    "openat": 257,
     "accept4": 288,
     "pipe2": 293,
     "clone3": 435,

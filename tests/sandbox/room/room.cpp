@@ -2,8 +2,8 @@
 // dangerous as the daemon itself and is started in the sandbox only.
 //
 // Reads commands from standard input, one a line, its words parted by single blanks; answers each
-// with a line on standard output: "yes", "no" or "done". What the operations print goes to standard
-// error, as in the daemon.
+// with a line on standard output: "yes", "no", "done" or what was asked for. What the operations
+// print goes to standard error, as in the daemon.
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -22,6 +22,7 @@
 #include "registry/block_device.h"
 #include "registry/connection_types.h"
 #include "registry/device_list.h"
+#include "registry/hotplug_notice.h"
 #include "registry/label_links.h"
 
 using Words = std::vector<std::string>;
@@ -60,10 +61,32 @@ static const char *set_state(const Words &words)
     return "done";
 }
 
+// Each drive with the names of its partitions, then each partition with its drive and its size:
+// "sda[sda1,sda2,] sdb[] sda1@sda:4096 sda2@sda:4096 ".
+static const char *show_registry(const Words &)
+{
+    static std::string text;
+    text = "registry: ";
+    for (const auto &[name, drive] : blockdev_list) {
+        text += name + "[";
+        for (const auto &[partition_name, flag] : drive->partitions)
+            text += partition_name + ",";
+        text += "] ";
+    }
+    for (const auto &[name, partition] : partdev_list) {
+        text += name + "@" + (partition->parent ? partition->parent->device : "") + ":" +
+                std::to_string(partition->partition_size) + " ";
+    }
+    return text.c_str();
+}
+
 static const std::map<std::string, std::function<const char *(const Words &)>> commands = {
     {"tables", read_tables},
     {"set", set_state},
     {"update", [](const Words &) { return UpdateBlockDeviceList(), "done"; }},
+    // notify ACTION NAME
+    {"notify", [](const Words &words) { return take_hotplug_notice(words[1], words[2]), "done"; }},
+    {"registry", show_registry},
     {"refresh", [](const Words &) { return refresh_drives(), "done"; }},
     {"make-link", [](const Words &words) { return make_label_link(words[1]), "done"; }},
     {"remove-link", [](const Words &words) { return remove_label_link(words[1]), "done"; }},
