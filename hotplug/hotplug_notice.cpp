@@ -17,6 +17,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "registry/hotplug_notice.h"
+
 using Clock = std::chrono::steady_clock;
 
 static const std::chrono::milliseconds patience(1400);
@@ -141,7 +143,53 @@ static int read_reply(int fd, std::string &reply, Clock::time_point deadline)
     return 1;
 }
 
-static Outcome tell(const std::string &action, const std::string &device_path)
+// One word of a request: between quotes where a blank would end it. Empty when it cannot be one.
+static std::string as_word(const std::string &text)
+{
+    const bool has_blank = text.find(' ') != std::string::npos;
+    const bool has_quote = text.find('"') != std::string::npos;
+    if (text.find_first_of("\r\n") != std::string::npos || text.starts_with('"') ||
+        (has_blank && has_quote))
+        return "";
+    return has_blank ? '"' + text + '"' : text;
+}
+
+struct Device {
+    std::string name;
+    std::string drive; // the name itself when it is a drive
+};
+
+// The device of a path that ends .../block/sdb or .../sdb/sdb1.
+static Device device_of(const std::string &device_path)
+{
+    const size_t slash = device_path.rfind('/');
+    if (slash == std::string::npos)
+        return {device_path, device_path};
+    const std::string name = device_path.substr(slash + 1);
+    const std::string folder = device_path.substr(0, slash);
+    const std::string above = folder.substr(folder.rfind('/') + 1); // all of it without a slash
+    const bool is_partition = !above.empty() && name.starts_with(above);
+    return {name, is_partition ? above : name};
+}
+
+// The daemon has no business with these, and its rescans do not list them: one that it was told of
+// would be gone for it a second later, with all that is mounted from it.
+static int is_loop_or_memory_disk(const Device &device)
+{
+    return device.drive.starts_with("loop") || device.drive.starts_with("ram");
+}
+
+// The word for what happened. The daemon goes by the name alone, and takes a drive like dm-0 or
+// nvme0n1 for a partition. It would make a record that the next rescan puts out of use, unmounting
+// what is mounted by then; so it is told of such a device by that rescan only, which any word other
+// than "add" leads to.
+static std::string word_for(const std::string &action, const Device &device)
+{
+    const bool would_be_misread = parent_of_device(device.name) != device.drive;
+    return action == "add" && would_be_misread ? "rescan" : action;
+}
+
+static Outcome tell(const std::string &request)
 {
     const Clock::time_point deadline = Clock::now() + patience;
     const int fd = open_socket();
@@ -152,7 +200,6 @@ static Outcome tell(const std::string &action, const std::string &device_path)
     const Outcome connected = connect_to_daemon(fd, deadline);
     if (connected != OUTCOME_TOLD)
         return connected;
-    const std::string request = "notify " + action + " \"" + device_path + "\"\n";
     std::string reply;
     if (!belongs_to_root(fd) || !send_request(fd, request, deadline) ||
         !read_reply(fd, reply, deadline))
@@ -188,10 +235,14 @@ int main(int argc, char **)
         complain("an event without DEVPATH");
         return 1;
     }
-    // These would end the quoted word, or the request.
-    if (device_path.find_first_of("\"\r\n") != std::string::npos) {
+    const std::string path_word = as_word(device_path);
+    if (path_word.empty()) {
         complain("this device path cannot be passed on");
         return 1;
     }
-    return tell(action, device_path) == OUTCOME_FAILED ? 1 : 0;
+    const Device device = device_of(device_path);
+    if (is_loop_or_memory_disk(device))
+        return 0;
+    const std::string request = "notify " + word_for(action, device) + " " + path_word + "\n";
+    return tell(request) == OUTCOME_FAILED ? 1 : 0;
 }

@@ -18,7 +18,7 @@ from machine.namespaces import HOTPLUG_HOOK, HOTPLUG_NOTICE
 LIMIT = 2.0  # seconds that an event may be held up, whatever the daemon does
 GB = 1 << 30
 STICK = "/devices/pci0000:00/0000:00:14.0/usb1/1-1/1-1:1.0/host1/target1:0:0/1:0:0:0/block/sdb"
-REQUEST = f'notify add "{STICK}"\n'
+REQUEST = f"notify add {STICK}\n"
 TOO_LATE = "hotplug-notice: the daemon takes too long\n"
 ODD_PATH = "hotplug-notice: this device path cannot be passed on\n"
 NO_PATH = "hotplug-notice: an event without DEVPATH\n"
@@ -244,23 +244,26 @@ def test_other_events_are_kept_from_the_daemon(machine, action, way):
         "/devices/a b/block/sdb",
         "/devices/tab\there/block/sdb",
         "/devices/it's $(touch /run/here) `x` *;&|<>\\n/block/sdb",
+        '/devices/5"/block/sdb',
         "/devices/\udcff\udcfe/block/sdb",
         "/devices/%s%n/block/sdb",
         "-n",
         "sdb",
         "/devices/" + "long/" * 5000 + "sdb",
     ],
-    ids=["blank", "tab", "shell", "bytes", "format", "switch", "no slash", "long"],
+    ids=["blank", "tab", "shell", "quote", "bytes", "format", "switch", "no slash", "long"],
 )
 @pytest.mark.parametrize("way", ["program", "hook executed", "hook sourced by sh"])
 def test_odd_paths_arrive_as_they_are(machine, path, way):
-    """A device path is passed on byte by byte, in quotes, whatever is in it."""
+    """A device path is passed on byte by byte, whatever is in it; between quotes when it has a
+    blank, which would end the word."""
     server = StandIn()
     run = Run(event(path=path), way=way)
     connection, request = server.request()
     connection.send(b"OK thank you\n")
     assert run.ended() == (0, "")
-    assert request == f'notify add "{path}"\n'
+    word = f'"{path}"' if " " in path else path
+    assert request == f"notify add {word}\n"
     assert not os.path.exists("/run/here")
 
 
@@ -274,14 +277,15 @@ def test_path_with_a_blank_reaches_the_registry(machine):
 @pytest.mark.parametrize(
     "path, words",
     [
-        ('/block/"sdb', ODD_PATH),
+        ('"/block/sdb', ODD_PATH),
+        ('/devices/5" disk/block/sdb', ODD_PATH),
         ("/block/sdb\n", ODD_PATH),
         ("/block/sdb\nnotify add /block/sdc", ODD_PATH),
         ("/block/sdb\r", ODD_PATH),
         ("", NO_PATH),
         (None, NO_PATH),
     ],
-    ids=["quote", "line end", "second request", "carriage return", "empty", "missing"],
+    ids=["quote in front", "quote and blank", "line end", "second request", "carriage return", "empty", "missing"],
 )
 def test_paths_that_are_no_words(machine, path, words):
     """What would not be one word of one request is refused before anybody is spoken to; the hook
@@ -328,6 +332,95 @@ def test_hook_outlives_its_program(machine):
     for way in WAYS:
         if way != "program":
             assert notice(event(), way=way) == (0, "")
+
+
+# Names that the daemon does not take apart, for it has nothing but the name to go by.
+
+PCI = "/devices/pci0000:00/0000:00:1d.0"
+VIRTUAL = "/devices/virtual/block"
+
+
+@pytest.mark.parametrize(
+    "path, word",
+    [
+        (f"{PCI}/block/sda", "add"),
+        (f"{PCI}/block/sda/sda12", "add"),
+        (f"{PCI}/block/sr0", "add"),
+        (f"{PCI}/block/vda/vda1", "add"),
+        (f"{PCI}/mmc0/mmc0:4567/block/mmcblk0", "add"),
+        (f"{PCI}/mmc0/mmc0:4567/block/mmcblk0/mmcblk0p1", "add"),
+        (f"{VIRTUAL}/md127", "add"),
+        ("/block/sdb/sdb1", "add"),
+        ("/block/hdc", "add"),
+        ("/sdb", "add"),
+        (f"{PCI}/nvme/nvme0/nvme0n1", "rescan"),
+        (f"{PCI}/nvme/nvme0/nvme0n1/nvme0n1p1", "rescan"),
+        (f"{PCI}/mmc0/mmc0:4567/block/mmcblk0/mmcblk0boot0", "rescan"),
+        (f"{VIRTUAL}/dm-0", "rescan"),
+        (f"{VIRTUAL}/md127/md127p1", "rescan"),
+        (f"{VIRTUAL}/zram0", "rescan"),
+        (f"{VIRTUAL}/nbd0/nbd0p1", "rescan"),
+        ("/block/dm-3", "rescan"),
+    ],
+)
+def test_names_that_would_be_misread(machine, path, word):
+    """"add" is passed on only where the name alone tells the daemon what its place in /sys says;
+    otherwise a rescan is asked for, which reads that place itself. "remove" is the same for all."""
+    server = StandIn()
+    for action, passed_on in (("add", word), ("remove", "remove")):
+        run = Run(event(action, path))
+        connection, request = server.request()
+        connection.send(b"OK thank you\n")
+        assert request == f"notify {passed_on} {path}\n"
+        assert run.ended() == (0, "")
+
+
+@pytest.mark.parametrize("name", ["loop0", "loop12", "loop0/loop0p1", "ram0", "ram15"])
+@pytest.mark.parametrize("action", ["add", "remove"])
+def test_loop_and_memory_disks_are_not_told(machine, name, action):
+    server = StandIn()
+    assert notice(event(action, f"{VIRTUAL}/{name}")) == (0, "")
+    assert server.nobody_came()
+
+
+def test_what_is_on_a_loop_device_stays(machine):
+    """A rescan does not list loop devices and would take one that was told for one that has gone:
+    unmount what is on it, and end who works there. Its events do no such thing."""
+    machine.real_mounts()
+    machine.plug("other", "loop0", GB)
+    machine.mount_tmpfs("loop0", "/mnt/image")
+    worker = machine.program("/bin/sleep", "100", cwd="/mnt/image")
+    daemon = machine.start("--hotplug")
+    machine.pass_of_loop()
+    machine.plug("usb", "sdb", GB)
+    for path in (f"{VIRTUAL}/loop0", STICK):
+        assert notice(event(path=path)) == (0, "")
+    sleep(2.5)
+    assert worker.poll() is None and os.path.ismount("/mnt/image")
+    assert "loop0" not in daemon.stderr() and "Device sdb appeared (hotplug)" in daemon.stderr()
+
+
+@pytest.mark.parametrize(
+    "kind, path",
+    [("dm", f"{VIRTUAL}/dm-0"), ("nvme", f"{PCI}/nvme/nvme0/nvme0n1")],
+)
+def test_drive_that_is_mounted_at_once_stays(machine, kind, path):
+    """A volume is often opened and mounted in one breath. The notice of it does not lead to a
+    record of another kind, which the rescan would put out of use with all that is on it."""
+    machine.real_mounts()
+    daemon = machine.start("--hotplug")
+    machine.pass_of_loop()
+    name = os.path.basename(path)
+    machine.plug(kind, name, GB)
+    machine.mount_tmpfs(name, "/mnt/vault")
+    worker = machine.program("/bin/sleep", "100", cwd="/mnt/vault")
+    assert notice(event(path=path)) == (0, "")
+    wait_until(lambda: f"Device {name} just appeared (polling)\n" in daemon.stderr(), 2.5)
+    machine.settle()
+    assert worker.poll() is None and os.path.ismount("/mnt/vault")
+    assert re.findall("^Device .*", daemon.stderr(), re.M) == [
+        f"Device {name} just appeared (polling)"
+    ]
 
 
 # Whom it speaks to.
