@@ -237,6 +237,17 @@ TEST_F(MainPartitionSearch, TriesTheTypesInTheirOrder)
     EXPECT_FALSE(machine.Exists("/mnt/main"));
 }
 
+// The directory is for everybody, as far as the daemon's mask lets it be.
+TEST_F(MainPartitionSearch, DirectoryIsForEverybody)
+{
+    AddStick({"ext4", "claimed"});
+    const mode_t mask = umask(0);
+    EXPECT_TRUE(search_main_partition());
+    umask(mask);
+    EXPECT_EQ(std::filesystem::status(machine.RealPath("/mnt/sdb1")).permissions(),
+              std::filesystem::perms::all);
+}
+
 // A device without the signature is given back as it was.
 TEST_F(MainPartitionSearch, TrialIsUndone)
 {
@@ -325,29 +336,36 @@ TEST_F(MainPartitionSearch, SignatureIsComparedWhole)
 TEST_F(MainPartitionSearch, OnlyAPlainFileIsASignature)
 {
     static const std::string name = "/mnt/sdb1/.claimsig";
-    const std::function<void()> obstacles[] = {
-        [] {},
-        [this] { machine.MakeDirectory(name); },
-        [this] {
-            machine.Write("/mnt/sdb1/real", "claimed");
-            machine.Link(name, "real");
-        },
-        [this] { machine.Link(name, "nowhere"); },
-        [this] { ASSERT_EQ(mkfifo(machine.RealPath(name).c_str(), 0644), 0); },
-        [this] {
-            machine.Write(name, "claimed");
-            machine.Script(Call::OPEN, {really, fails(EACCES)}); // the table of mounts comes first
-        },
-        [this] {
-            machine.Write(name, "claimed");
-            machine.Script(Call::READ, {really, really, fails(EIO)});
-        },
-        [this] {
-            machine.Write(name, "claimed");
-            machine.Script(Call::STAT, {fails(EIO)});
-        },
-        [this] { machine.Write("/mnt/sdb1/claimsig", "claimed"); },
-        [this] { machine.Write("/mnt/sdb1/folder/.claimsig", "claimed"); },
+    const struct {
+        std::function<void()> put;
+        bool is_opened;
+    } obstacles[] = {
+        {[] {}, false},
+        {[this] { machine.MakeDirectory(name); }, false},
+        {[this] {
+             machine.Write("/mnt/sdb1/real", "claimed");
+             machine.Link(name, "real");
+         },
+         false},
+        {[this] { machine.Link(name, "nowhere"); }, false},
+        {[this] { ASSERT_EQ(mkfifo(machine.RealPath(name).c_str(), 0644), 0); }, false},
+        {[this] {
+             machine.Write(name, "claimed");
+             machine.Script(Call::OPEN, {really, fails(EACCES)}); // the table of mounts comes first
+         },
+         false},
+        {[this] {
+             machine.Write(name, "claimed");
+             machine.Script(Call::READ, {really, really, fails(EIO)});
+         },
+         true},
+        {[this] {
+             machine.Write(name, "claimed");
+             machine.Script(Call::STAT, {fails(EIO)});
+         },
+         false},
+        {[this] { machine.Write("/mnt/sdb1/claimsig", "claimed"); }, false},
+        {[this] { machine.Write("/mnt/sdb1/folder/.claimsig", "claimed"); }, false},
     };
     PartitionDevice *partition = AddStick({"ext4", ""});
     for (const auto &obstacle : obstacles) {
@@ -355,9 +373,11 @@ TEST_F(MainPartitionSearch, OnlyAPlainFileIsASignature)
         machine.Remove("/mnt/sdb1");
         machine.MakeDirectory("/mnt/sdb1");
         machine.Write("/proc/mounts", "/dev/sdb1 /mnt/sdb1 ext4 rw 0 0\n");
-        obstacle();
+        obstacle.put();
         partition->scanned = 0;
+        machine.ForgetCalls();
         EXPECT_FALSE(search_main_partition()) << &obstacle - obstacles;
+        EXPECT_EQ(machine.Opened(".claimsig"), obstacle.is_opened) << &obstacle - obstacles;
         EXPECT_EQ(errors.Take(), "");
         EXPECT_EQ(partition->scanned, 1);
     }
@@ -378,8 +398,6 @@ TEST_F(MainPartitionSearch, DirectoryThatCannotBeEnteredIsTold)
 {
     AddStick({"ext4", "claimed"});
     AddPartition("sdb2", {"ext4", "claimed"});
-    machine.Script(Call::CHDIR, {fails(EACCES)});
-    ASSERT_EQ(chdir("/"), -1); // uses the answer up
     ASSERT_EQ(chdir("/"), 0);
     machine.Script(Call::CHDIR, {fails(EACCES)});
     EXPECT_TRUE(search_main_partition());
@@ -468,6 +486,18 @@ TEST_F(MainPartitionSearch, MountedPartitionIsExaminedInPlace)
                                  "# mount '' /mnt/sdb1 '' " +
                                  std::to_string(MS_REMOUNT | MS_BIND | MS_NODEV) + "\n");
     EXPECT_EQ(machine.LinkTarget("/mnt/main"), "sdb1");
+}
+
+// The main partition lies below /mnt by its own name: where else it may be mounted nobody looks.
+TEST_F(MainPartitionSearch, MountInAnotherPlaceIsNotLookedInto)
+{
+    PartitionDevice *partition = AddStick({"ext4", "claimed"});
+    Show("/dev/sdb1", "/media/stick", 0);
+    ASSERT_EQ(chdir("/"), 0);
+    EXPECT_FALSE(search_main_partition());
+    EXPECT_EQ(errors.Take(), "Cannot chdir to /mnt/sdb1\n");
+    EXPECT_TRUE(machine.Deeds().empty());
+    EXPECT_EQ(partition->scanned, 1);
 }
 
 // A mount without protection gets none.
@@ -567,6 +597,7 @@ TEST_F(MainPartitionSearch, GoesByNames)
     EXPECT_EQ(blockdev_list["sdb"]->scanned, 0); // was not examined itself
 }
 
+// The first match ends the search: what comes after it is not examined.
 TEST_F(MainPartitionSearch, FirstMatchEndsIt)
 {
     AddDrive("sdb");
