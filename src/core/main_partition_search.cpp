@@ -115,8 +115,7 @@ static void undo(const Trial &trial)
 // The mount keeps what protected the machine from the drive when it becomes writable.
 static void make_writable(const Trial &trial)
 {
-    const MountEntry *entry = FindMount("device", trial.device_path);
-    const unsigned long flags = entry ? protecting_flags(*entry) : 0;
+    const unsigned long flags = protecting_flags_of(trial.directory);
     if (mount(nullptr, trial.directory.c_str(), nullptr, MS_REMOUNT, nullptr) < 0)
         fprintf(stderr, "Warning: cannot remount %s read/write\n", trial.directory.c_str());
     else

@@ -158,7 +158,7 @@ static void flush_drive(const std::string &name)
     fprintf(stderr, "Flushing device %s\n", name.c_str());
     for (int round = 0; round < 2; round++) {
         fsync(device.Get());
-        if (ioctl(device.Get(), BLKFLSBUF) < 0)
+        if (ioctl(device.Get(), BLKFLSBUF, 0) < 0)
             fprintf(stderr, "BLKFLSBUF failed %s\n", strerror(errno));
     }
 }
@@ -172,14 +172,15 @@ static bool is_optical(const BlockDevice *drive)
 static void remount(const MountRequest &request, const MountEntry &entry, bool read_only,
                     std::string &reply)
 {
+    const std::string mountpoint = from_kernel_table(entry.mountpoint);
     const unsigned long flags = protecting_flags(entry);
     const unsigned long mode = read_only ? MS_RDONLY : 0;
-    if (mount("", entry.mountpoint.c_str(), "", MS_REMOUNT | mode, nullptr) < 0) {
+    if (mount("", mountpoint.c_str(), "", MS_REMOUNT | mode, nullptr) < 0) {
         fprintf(stderr, "Cannot remount %s %s\n", request.name.c_str(), strerror(errno));
         reply = "ERR cannot remount";
         return;
     }
-    put_flags_back(entry.mountpoint, flags, read_only);
+    put_flags_back(mountpoint, flags, read_only);
     reply = read_only ? "OK remounted as r/o" : "OK remounted as r/w";
 }
 
@@ -215,7 +216,7 @@ static bool is_gone_from_table(const std::string &name)
 
 static void unmount(const MountRequest &request, const MountEntry &entry, std::string &reply)
 {
-    const std::string mountpoint = entry.mountpoint; // the entry dies at the next reading
+    const std::string mountpoint = from_kernel_table(entry.mountpoint);
     const std::string device_path = entry.device;
     notify_unmounted(device_path);
     if (request.rude)
@@ -252,7 +253,7 @@ static Ending change_mount(const MountRequest &request, const MountEntry &entry,
     } else if (request.ro && has_rw) {
         notify_remount(request.name, "ro");
         if (request.rude)
-            evict_mount_users(request.name, entry.mountpoint, true);
+            evict_mount_users(request.name, from_kernel_table(entry.mountpoint), true);
         remount(request, entry, true, reply);
     }
     return ENDS_WITH_SWAP;
@@ -343,18 +344,18 @@ static void mount_device(const MountRequest &request, const std::string &known_f
         reply = "ERR mount failed";
         return;
     }
-    const MountEntry *entry = FindMount("device", path);
-    if (!entry) {
+    const MountEntry *pe = FindMount("device", path);
+    if (!pe) {
         reply = "ERR mount succeeded but procfs doesn't show it";
         return;
     }
-    const bool has_rw = has_option(*entry, "rw");
+    const bool has_rw = has_option(*pe, "rw");
     reply = reply_to_success(request, candidate, has_rw);
     if (candidate == "ntfs" && has_rw)
         fprintf(stderr,
                 "Whoah! Your Linux kernel NTFS driver supports writing! This is dangerous!\n");
-    assert(entry->device.length() > 5);
-    finish_mount(entry->device, mountpoint);
+    assert(pe->device.length() > 5);
+    finish_mount(pe->device, mountpoint);
 }
 
 // For a device that is not mounted.

@@ -31,7 +31,8 @@ bool parse_mount_line(std::string_view line, MountEntry &entry)
     entry.device = std::string(take_field(rest, ' '));
     entry.mountpoint = std::string(take_field(rest, ' '));
     entry.fstype = std::string(take_field(rest, ' '));
-    if (is_cut && rest.empty())
+    // The first option is "rw" or "ro"; of a letter alone nobody could tell which.
+    if (is_cut && rest.size() < 2)
         return false;
     cut_at(take_field(rest, ' '), ',', entry.options);
     return true;
@@ -52,6 +53,11 @@ void ReadProcMounts()
     }
 }
 
+static bool may_be_any_users(const MountEntry &entry)
+{
+    return entry.fstype == "fuse" || entry.fstype.starts_with("fuse.");
+}
+
 MountEntry *FindMount(const std::string &category, const std::string &value)
 {
     const bool by_device = category == "device";
@@ -60,7 +66,8 @@ MountEntry *FindMount(const std::string &category, const std::string &value)
         return nullptr;
     }
     for (MountEntry &entry : mount_list) {
-        if ((by_device ? entry.device : entry.mountpoint) == value)
+        if (by_device ? entry.device == value && !may_be_any_users(entry)
+                      : entry.mountpoint == value)
             return &entry;
     }
     return nullptr;

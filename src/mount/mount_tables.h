@@ -41,7 +41,8 @@ extern std::list<std::string> filesystems_nodev_list; // types that need no devi
 void ReadProcMounts();
 
 // First entry whose category ("device" or "mountpoint") equals value exactly, or null. Any other
-// category is one line on stderr and null.
+// category is one line on stderr and null. A FUSE mount that any user can make and give any name
+// is no device's mount; drivers of block devices show as "fuseblk", which only root can mount.
 MountEntry *FindMount(const std::string &category, const std::string &value);
 
 // Whether an option of the entry is exactly this word: "rw" is not an option of a mount that says
@@ -65,8 +66,8 @@ bool HaveFilesystem(const std::string &name, int nodev);
 void DumpFilesystems(FILE *stream);
 
 // One line into an entry. False for a line that makes no entry. A line of more than 511 characters
-// counts up to there; when its first three fields do not fit, it makes no entry, because half a
-// mount point is the name of another directory.
+// counts up to there; when its first three fields and "rw" or "ro" do not fit, it makes no entry,
+// because half a mount point is the name of another directory.
 bool parse_mount_line(std::string_view line, MountEntry &entry);
 
 // The same for the second table, whose fields are cut at tabs when the line has any.

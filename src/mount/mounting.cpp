@@ -12,6 +12,7 @@
 #include "base/daemon_state.h"
 #include "mount/filesystem_drivers.h"
 #include "mount/mount_tables.h"
+#include "mount/remounting.h"
 
 static const int looks_at_the_table = 11;
 
@@ -84,8 +85,11 @@ static Attempt try_fuse_driver(const std::string &name, const std::string &mount
     if (strcmp(candidate, "*ntfs-3g") == 0 && !read_write)
         return ATTEMPT_FAILED;
     fprintf(stderr, "Trying FUSE driver %s\n", candidate);
-    return mount_fuse("/dev/" + name, mountpoint, candidate, read_only) < 0 ? ATTEMPT_FAILED
-                                                                            : ATTEMPT_MOUNTED;
+    if (mount_fuse("/dev/" + name, mountpoint, candidate, read_only) < 0)
+        return ATTEMPT_FAILED;
+    // A driver that root runs may mount without them, and show the device nodes of the drive.
+    put_flags_back(mountpoint, MS_NOSUID | MS_NODEV, read_only);
+    return ATTEMPT_MOUNTED;
 }
 
 bool try_drivers(const std::string &name, const std::string &mountpoint,

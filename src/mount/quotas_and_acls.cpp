@@ -34,13 +34,11 @@ static const MountEntry *find_writable(const std::string &name)
 }
 
 // Runs mount(8) to change the options of "/mnt/" + name, which is mounted read-write.
-static int remount_with(const std::string &name, const MountEntry &entry,
-                        const std::string &options)
+static int remount_with(const std::string &name, const std::string &options)
 {
     const std::string directory = "/mnt/" + name;
     const int succeeded = run_quietly({"mount", "-o", options, directory});
-    if (entry.mountpoint == directory)
-        put_flags_back(directory, protecting_flags(entry), false);
+    put_flags_back(directory, protecting_flags_of(directory), false);
     return succeeded;
 }
 
@@ -72,8 +70,7 @@ static int switch_on_all(const std::string &name, const MountEntry &entry, bool 
         options += user_quotas.option;
     if (of_groups)
         options += group_quotas.option;
-    if (!remount_with(name, entry, options) &&
-        !remount_with(name, entry, "rw,remount,usrquota,grpquota")) {
+    if (!remount_with(name, options) && !remount_with(name, "rw,remount,usrquota,grpquota")) {
         fprintf(stderr, "ext3 journalled quota mount options failed\n");
         return 0;
     }
@@ -103,6 +100,6 @@ void enable_quotas(const std::string &name, const std::string &)
 void enable_acls(const std::string &name, const std::string &)
 {
     const MountEntry *entry = find_writable(name);
-    if (entry && !remount_with(name, *entry, "remount,acl"))
+    if (entry && !remount_with(name, "remount,acl"))
         fprintf(stderr, "Problem enabling ACLs, oh well\n");
 }

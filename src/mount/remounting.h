@@ -10,8 +10,13 @@
 // MS_NOEXEC, MS_NOSYMFOLLOW), as the mount table lists them.
 unsigned long protecting_flags(const MountEntry &entry);
 
+// The same for what is mounted at a directory, according to the table as last read; 0 when nothing
+// is.
+unsigned long protecting_flags_of(const std::string &directory);
+
 // A remount clears those flags of the mount; this gives them back, by a bind remount, which touches
-// the mount point alone. Without any nothing is called. Says on stderr when the kernel refuses.
+// the mount point alone. Without any nothing is called, and where nothing is mounted nothing is
+// changed. Says on stderr when the kernel refuses.
 void put_flags_back(const std::string &mountpoint, unsigned long flags, bool read_only);
 
 #endif

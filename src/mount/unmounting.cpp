@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "base/daemon_state.h"
+#include "base/words.h"
 #include "inspect/device_name_set.h"
 #include "mount/mount_tables.h"
 #include "mount/process_eviction.h"
@@ -48,7 +49,8 @@ void force_unmount(const std::string &name)
     const MountEntry *entry = FindMount("device", "/dev/" + name);
     if (!entry)
         return;
-    const std::string mountpoint = entry->mountpoint; // the entry dies at the next reading
+    // The entry dies at the next reading.
+    const std::string mountpoint = from_kernel_table(entry->mountpoint);
     if (mountpoint.empty() || mountpoint == "/")
         return;
     if (!no_force_shutdown) {

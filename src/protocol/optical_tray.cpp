@@ -14,15 +14,15 @@
 
 static const char *open_tray(int fd)
 {
-    ioctl(fd, CDROMSTOP);
-    return ioctl(fd, CDROMEJECT) < 0 ? "ERR device refused eject" : "OK device ejected";
+    ioctl(fd, CDROMSTOP, 0);
+    return ioctl(fd, CDROMEJECT, 0) < 0 ? "ERR device refused eject" : "OK device ejected";
 }
 
 static const char *close_tray(int fd)
 {
-    if (ioctl(fd, CDROMCLOSETRAY) < 0)
+    if (ioctl(fd, CDROMCLOSETRAY, 0) < 0)
         return "ERR device refused close tray";
-    ioctl(fd, CDROMSTART);
+    ioctl(fd, CDROMSTART, 0);
     return "OK device retracted tray";
 }
 

@@ -6,6 +6,7 @@
 #include "base/daemon_state.h"
 #include "inspect/raid_members.h"
 #include "made_up_machine.h"
+#include "mount/mount_tables.h"
 #include "registry/block_device.h"
 #include "registry/device_list.h"
 
@@ -428,4 +429,43 @@ TEST_F(HotplugNotice, RescanKnowsNvmeBetterThanTheName)
     UpdateBlockDeviceList();
     EXPECT_EQ(Registry(), "nvme0n1( nvme0n1p1 ) ");
     EXPECT_EQ(errors.Take().find("BUG"), std::string::npos);
+}
+
+// A notice may make a record that the rescan does not meet, of a device that is there: what is
+// mounted from it stays, and nobody is driven out.
+TEST_F(HotplugNotice, RescanUnmountsNothingThatIsThere)
+{
+    machine.AddDrive("nvme0n1", "1000");
+    for (const char *name : {"loop0", "nvme0n1"}) {
+        machine.MakeDirectory(std::string("/sys/class/block/") + name);
+        machine.MakeDirectory(std::string("/mnt/") + name);
+    }
+    machine.Write("/proc/mounts", "/dev/loop0 /mnt/loop0 ext4 rw 0 0\n"
+                                  "/dev/nvme0n1 /mnt/nvme0n1 ext4 rw 0 0\n");
+    machine.AddProcess(12, "editor", {"/mnt/loop0/file", "/mnt/nvme0n1/file"});
+    ReadProcMounts();
+    UpdateBlockDeviceList();
+    for (const char *name : {"loop0", "nvme0n1"})
+        take_hotplug_notice("add", name);
+    EXPECT_EQ(Registry(), "loop0( ) nvme0n( nvme0n1 ) nvme0n1( ) ");
+    errors.Take();
+    UpdateBlockDeviceList();
+    EXPECT_EQ(Registry(), "nvme0n1( ) ");
+    EXPECT_EQ(errors.Take(), "Device nvme0n1 just disappeared (polling)\n"
+                             "Device loop0 just disappeared (polling)\n"
+                             "Device nvme0n just disappeared (polling)\n");
+    EXPECT_EQ(machine.Deeds("umount"), std::vector<std::string>());
+    EXPECT_EQ(machine.Deeds("kill"), std::vector<std::string>());
+}
+
+// Such a record's end does not make the real drive forget that it is a member of an array.
+TEST_F(HotplugNotice, NamesakeKeepsTheArrayMembership)
+{
+    machine.AddDrive("nvme0n1", "1000");
+    MakeMember(machine, "nvme0n1");
+    UpdateBlockDeviceList();
+    take_hotplug_notice("add", "nvme0n1");
+    UpdateBlockDeviceList();
+    EXPECT_EQ(Registry(), "nvme0n1( ) ");
+    EXPECT_TRUE(is_raid_member("nvme0n1"));
 }

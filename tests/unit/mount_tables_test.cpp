@@ -74,6 +74,20 @@ TEST(MountLine, CountsUpTo511Characters)
     EXPECT_FALSE(parse_mount_line(std::string(100000, 'd'), entry));
 }
 
+// "rw" and "ro" are never cut in two: an entry that says neither would be neither.
+TEST(MountLine, KeepsReadWriteWholeOrNotAtAll)
+{
+    MountEntry entry;
+    for (size_t kept : {0U, 1U, 2U, 3U}) { // characters of the options that fit
+        const std::string head = "/dev/sdb1 /" + std::string(511 - 11 - 6 - kept, 'm') + " ext4 ";
+        ASSERT_EQ(head.size(), 511 - kept);
+        EXPECT_EQ(parse_mount_line(head + "rw,relatime 0 0", entry), kept >= 2) << kept;
+        if (kept >= 2) {
+            EXPECT_EQ(entry.options[0], "rw") << kept;
+        }
+    }
+}
+
 // The table is the kernel's, line for line, in its order.
 TEST_F(MountTables, ReadsTheKernelsMounts)
 {
@@ -181,6 +195,19 @@ TEST_F(MountTables, FindsTheFirstExactMatch)
     }
     EXPECT_EQ(FindMount("mountpoint", "/other")->device, "/dev/sdb1");
     EXPECT_EQ(errors.Take(), "");
+}
+
+// A user's own FUSE mount can call itself /dev/sdb1; it is no mount of that device.
+TEST_F(MountTables, MountsThatAnyUserCanMakeAreNoDevices)
+{
+    machine.Write("/proc/mounts", "/dev/sdb1 /home/guest/x fuse.sshfs rw,user_id=1000 0 0\n"
+                                  "/dev/sdb1 /home/guest/y fuse rw,user_id=1000 0 0\n"
+                                  "/dev/sdb1 /mnt/sdb1 fuseblk rw 0 0\n"
+                                  "/dev/sdc1 /home/guest/z fuse.x rw 0 0\n");
+    ReadProcMounts();
+    EXPECT_EQ(FindMount("device", "/dev/sdb1")->mountpoint, "/mnt/sdb1");
+    EXPECT_EQ(FindMount("device", "/dev/sdc1"), nullptr);
+    EXPECT_NE(FindMount("mountpoint", "/home/guest/z"), nullptr);
 }
 
 // A category that there is not is a line on stderr and no entry.

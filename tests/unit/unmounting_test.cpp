@@ -39,6 +39,24 @@ protected:
 
 static const char killing[] = "killing processes using sdb1 on /mnt/sdb1\n";
 
+// The kernel escapes blanks in its table; what is done is done to the real directory.
+TEST_F(Unmounting, MountPointWithABlankGoes)
+{
+    machine.Write("/proc/mounts", "/dev/sdb1 /media/my\\040stick ext4 rw 0 0\n");
+    machine.MakeDirectory("/media/my stick");
+    ReadProcMounts();
+    machine.AddProcess(12, "editor", {"/media/my stick/file"});
+    machine.on_deed = [&](const std::string &deed) {
+        if (deed.starts_with("kill"))
+            machine.Remove("/proc/12");
+    };
+    force_unmount("sdb1");
+    EXPECT_EQ(errors.Take(), "killing processes using sdb1 on /media/my stick\n");
+    EXPECT_EQ(machine.Deeds("umount"), Deeds({"umount /media/my stick"}));
+    EXPECT_EQ(machine.Deeds("kill"), Deeds({"kill 12 15"}));
+    EXPECT_FALSE(machine.Exists("/media/my stick"));
+}
+
 // Users are driven out, the mount goes, and its directory and label link go after it.
 TEST_F(Unmounting, ClearsUnmountsAndTidiesUp)
 {
