@@ -4,6 +4,7 @@ refused, mounts that are listed late or never, and labels that mean harm."""
 import errno
 import os
 import signal
+import subprocess
 import time
 
 import pytest
@@ -13,6 +14,7 @@ from machine.clients import wait_until
 from machine.drives import write
 from machine.kernel import MS_NODEV, FileWatch
 from machine.machine import sleep
+from machine.namespaces import REAL_PROBE
 from machine.traces import calls_during, own_calls, traced
 
 MOUNTED = "OK mount succeeded\n\n"
@@ -275,6 +277,39 @@ def test_a_hostile_label_stays_inside_mnt_and_away_from_every_shell(machine, lab
         "/sbin/mount.exfat -o locale=en_EN.UTF-8,gid=99,uid=99 /dev/sdb1 /mnt/sdb1",
         "/usr/bin/mount -o remount,acl /mnt/sdb1",
     ]
+
+
+@pytest.mark.parametrize(
+    "raw, label",
+    [
+        (b"a\nb: c", None),
+        (b"../../root/owned", None),
+        (b"$(touch /owned)", None),
+        (b"`touch\t/owned`", None),
+        (b"\xff\xfelabel", None),
+        (b"a; touch owned", "a; touch owned"),
+        (b'"quoted"', '"quoted"'),
+    ],
+)
+def test_a_hostile_label_on_a_real_superblock(machine, raw, label):
+    """The project's own probe reads it. What it makes of the label is what the device is known by,
+    what the link is called and what the label's client must say."""
+    stand_ins.install(machine)
+    machine.plug("usb", "sdb", 8 << 20)
+    subprocess.run(["/usr/sbin/mkfs.ext4", "-q", "-F", "/dev/sdb"], check=True)
+    machine.content("sdb", raw.ljust(16, b"\0"), 1024 + 120)
+    machine.probe_runs("sdb", f'exec {REAL_PROBE} "$@"\n')
+    stand_ins.shown_when_mounting(machine, "/dev/sdb /mnt/sdb ext4 rw")
+    machine.start("--hotplug", trace=traced("mount:retval=0"))
+    before = everything_outside_mnt()
+    client = machine.connect(timeout=20)
+    known_as = client.ask("list").splitlines()[1].split("\t")[4]
+    assert label in (None, known_as)
+    word = f'"^{known_as}"' if " " in known_as else f"^{known_as}"
+    assert client.ask(f"mount rw {word}") == MOUNTED
+    assert sorted(os.listdir("/mnt")) == sorted([f"^{known_as}", "sdb"])
+    assert "/" not in known_as and "\n" not in known_as and "\t" not in known_as
+    assert everything_outside_mnt() == before
 
 
 @pytest.mark.parametrize(

@@ -320,6 +320,18 @@ def test_the_whole_drives_mount_is_found_wherever_it_is(machine):
     assert not os.path.exists("/run/elsewhere")
 
 
+def test_an_eviction_that_cannot_be_forked_ends_nobody(machine):
+    machine.real_mounts()
+    machine.plug("usb", "sdb", 1 << 20)
+    machine.mount_tmpfs("sdb", "/mnt/sdb")
+    holder = machine.troublemaker("holder", "--cwd", "/mnt/sdb")
+    daemon = machine.start("--hotplug", refuse=[("clone", errno.EAGAIN, 0, 0xFF, 17)])
+    assert machine.ask("mount rudeoff sdb") == NOT_UNMOUNTED
+    assert f"Cannot fork! {os.strerror(errno.EAGAIN)}\n" in daemon.stderr()
+    assert not ended(holder)
+    assert mount_options("/mnt/sdb") is not None
+
+
 # What a remount must not lose.
 
 
@@ -454,6 +466,51 @@ def test_a_directory_that_is_not_empty_stays_after_an_unmounting(machine):
     assert machine.ask("umount sdb1") == UNMOUNTED
     assert os.listdir("/mnt") == ["sdb1"] and os.listdir("/mnt/sdb1") == ["beneath"]
     assert mounted_daemon.is_running()
+
+
+def test_a_mount_point_with_a_blank_is_not_found(machine):
+    """The table's escapes are not undone: the kernel knows no such path, and nothing is harmed."""
+    machine.real_mounts()
+    machine.plug("usb", "sdb", 1 << 20)
+    machine.mount_tmpfs("sdb", "/mnt/a b")
+    daemon = machine.start("--hotplug")
+    reason = os.strerror(errno.ENOENT)
+    assert machine.ask("mount ro sdb") == "ERR cannot remount\n"
+    assert f"Cannot remount sdb {reason}\n" in daemon.stderr()
+    assert machine.ask("umount sdb") == NOT_UNMOUNTED
+    assert f"wait: umount failed. {reason}\nyup, cannot unmount {reason}\n" in daemon.stderr()
+    assert mount_options("/mnt/a\\040b") is not None
+
+
+def test_without_a_table_nothing_is_mounted(machine):
+    stand_ins.install(machine)
+    machine.plug("usb", "sdb", 1 << 20)
+    daemon = machine.start("--hotplug")
+    os.unlink("/proc/mounts")
+    assert machine.ask("umount sdb") == "OK its not mounted anyway\n"
+    assert "Cannot access /proc/mounts\n" in daemon.stderr()
+    machine.mount_table([])
+
+
+def test_many_mounts_leave_nothing_behind(machine):
+    """No descriptor, no child, no directory, no link."""
+    busy_stick(machine)
+    daemon = machine.start("--hotplug")
+    client = machine.connect(timeout=20)
+
+    def once():
+        assert client.ask("mount rw ^DATA") == "OK mount succeeded\n\n"
+        assert client.ask("mount rudero sdb1") == "OK remounted as r/o\n"
+        assert client.ask("mount rudeoff sdb1") == UNMOUNTED
+
+    once()
+    before = sorted(daemon.descriptors().values())
+    for _ in range(15):
+        once()
+    assert sorted(daemon.descriptors().values()) == before
+    assert daemon.children() == []
+    assert os.listdir("/mnt") == []
+    assert len(stand_ins.events()) == 16 * 4
 
 
 # Flushing what can be taken out.
