@@ -312,3 +312,82 @@ TEST_F(CommandTable, CommandWithoutReplyIsRunAgain)
     EXPECT_EQ(connection.state, STATE_SENDING);
     EXPECT_EQ(connection.output, "OK at last\n");
 }
+
+// "mount" takes its mode and its device from its words, "umount" its device, and both go by whoever
+// asks; words that are missing are empty, and what comes after them is ignored.
+TEST_F(CommandTable, MountAndUnmountAreOneCommand)
+{
+    static const char no_device[] =
+        "ERR device does not exist or is not maintained by this service\n";
+    static const char schedule[] =
+        "ERR schedule items are not allowed to manipulate mount points\n";
+    static const struct {
+        const char *request;
+        uid_t uid;
+        const char *reply;
+    } cases[] = {
+        {"mount", 0, no_device},
+        {"umount", 0, no_device},
+        {"mount off", 0, no_device},
+        {"mount sdc1", 0, no_device},
+        {"mount sdc1 ro", 0, no_device},
+        {"mount \"\" sdc1", 0, "ERR unknown mount mode\n"},
+        {"mount on sdc1", 0, "ERR unknown mount mode\n"},
+        {"mount off sdc1", 0, "OK its not mounted anyway\n"},
+        {"mount rudeoff /dev/sdc1 now please", 1001, "OK its not mounted anyway\n"},
+        {"mount off ^DATA", 1001, "OK its not mounted anyway\n"},
+        {"umount sdc1", 0, "OK its not mounted anyway\n"},
+        {"umount /dev/sdc1", 1001, "OK its not mounted anyway\n"},
+        {"umount ^DATA", 1001, "OK its not mounted anyway\n"},
+        {"umount ^NONE", 1001, "ERR Label not found\n"},
+        {"umount sdc1 ro", 0, "OK its not mounted anyway\n"},
+        {"umount off sdc1", 0, no_device},
+        {"mount off sdc1", 1000, schedule},
+        {"umount sdc1", 1000, schedule},
+        {"mount off sdc1", ~0U, "ERR authorization required\n"},
+        {"umount sdc1", ~0U, "ERR authorization required\n"},
+        {"mount off sda1", 1001, "ERR authorization required\n"},
+        {"umount sda1", 1001, "ERR authorization required\n"},
+    };
+    schedule_uid = 1000;
+    boot_partition = "sda1";
+    for (const char *name : {"sda1", "sdc1"}) {
+        partdev_list[name] = new PartitionDevice(name);
+        partdev_list[name]->filesystem = "ext4";
+    }
+    partdev_list["sdc1"]->label = "DATA";
+    for (const auto &c : cases)
+        EXPECT_EQ(Ask(c.request, c.uid), c.reply) << c.request << " of " << c.uid;
+}
+
+// A device that is unmounted by either word goes the same way.
+TEST_F(CommandTable, UmountIsMountOff)
+{
+    partdev_list["sdc1"] = new PartitionDevice("sdc1");
+    partdev_list["sdc1"]->filesystem = "ext4";
+    partdev_list["sdc1"]->label = "DATA";
+    for (const char *request : {"umount sdc1", "mount off sdc1", "umount /dev/sdc1"}) {
+        machine.Write("/proc/mounts", "/dev/sdc1 /mnt/sdc1 ext4 rw 0 0\n");
+        machine.on_deed = [&](const std::string &deed) {
+            if (deed == "umount /mnt/sdc1")
+                machine.Write("/proc/mounts", "");
+        };
+        EXPECT_EQ(Ask(request, 1001), "OK unmount succeeded\n") << request;
+    }
+    EXPECT_EQ(machine.Deeds(), std::vector<std::string>(3, "umount /mnt/sdc1"));
+}
+
+// A mount's plain reply ends in a line end of its own, and gets the dispatcher's after that.
+TEST_F(CommandTable, MountsReplyHasAnEmptyLineAfterIt)
+{
+    machine.AddDrive("sdc", "2048");
+    blockdev_list["sdc"] = new BlockDevice("sdc");
+    blockdev_list["sdc"]->filesystem = "xfs";
+    machine.Write("/proc/filesystems", "\txfs\n");
+    machine.on_deed = [&](const std::string &deed) {
+        if (deed == "mount /dev/sdc /mnt/sdc xfs 7")
+            machine.Write("/proc/mounts", "/dev/sdc /mnt/sdc xfs ro 0 0\n");
+    };
+    ReadProcFilesystems();
+    EXPECT_EQ(Ask("mount ro /dev/sdc", 1001), "OK mount succeeded\n\n");
+}

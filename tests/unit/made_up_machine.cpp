@@ -52,7 +52,10 @@ static void forget_the_daemons_state()
     fstab_mtime = 0;
     filesystems_list.clear();
     filesystems_nodev_list.clear();
+    terminate_requested = 0;
     hotplug_mode = no_force_shutdown = 0;
+    nobody_uid = nobody_gid = schedule_uid = schedule_gid = 0;
+    next_full_rescan = 0;
     startup_child_pid = -1;
     for (std::string *text :
          {&boot_drive, &boot_partition, &main_drive, &main_partition, &swap_path})
@@ -198,14 +201,17 @@ void MadeUpMachine::AddProcess(int pid, const std::string &command,
         Link(process + "/fd/" + std::to_string(number++), file);
 }
 
-void MadeUpMachine::Script(Call call, std::initializer_list<Answer> answers)
+void MadeUpMachine::Script(Call call, const std::vector<Answer> &answers)
 {
-    kernel.scripts[static_cast<size_t>(call)].assign(answers);
+    kernel.scripts[static_cast<size_t>(call)].assign(answers.begin(), answers.end());
 }
 
 void MadeUpMachine::Refuse(const std::string &path, int error)
 {
-    kernel.refused[path] = error;
+    if (error != 0)
+        kernel.refused[path] = error;
+    else
+        kernel.refused.erase(path);
 }
 
 int MadeUpMachine::Calls(Call call) const

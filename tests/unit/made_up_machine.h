@@ -109,9 +109,9 @@ public:
                     std::initializer_list<std::string> open_files);
 
     // The next calls get these answers, one each; later ones are real again.
-    void Script(Call call, std::initializer_list<Answer> answers);
+    void Script(Call call, const std::vector<Answer> &answers);
 
-    // Opening this path, or asking for its status, fails from now on.
+    // Opening this path, or asking for its status, fails from now on; with 0 no more.
     void Refuse(const std::string &path, int error);
 
     // From now on what is put into this ordered map gets lost.

@@ -431,3 +431,16 @@ TEST_F(MountTables, DumpsFilesystemsLineByLine)
     fclose(stream);
     close(ends[0]);
 }
+
+// An option is a whole word of the entry's, in the letters of the kernel.
+TEST(MountOptions, AreWholeWords)
+{
+    MountEntry entry;
+    entry.options = {"rw", "", "errors=remount-ro", "nosuid"};
+    for (const char *option : {"rw", "nosuid", "errors=remount-ro", ""})
+        EXPECT_TRUE(has_option(entry, option)) << option;
+    for (const char *option : {"ro", "r", "rwx", "RW", "suid", "nosuid ", "errors", "remount-ro"})
+        EXPECT_FALSE(has_option(entry, option)) << option;
+    EXPECT_FALSE(has_option(MountEntry(), "rw"));
+    EXPECT_FALSE(has_option(MountEntry(), ""));
+}
