@@ -54,7 +54,8 @@ static void forget_the_daemons_state()
     filesystems_nodev_list.clear();
     terminate_requested = 0;
     hotplug_mode = no_force_shutdown = 0;
-    nobody_uid = nobody_gid = schedule_uid = schedule_gid = 0;
+    nobody_uid = nobody_gid = schedule_gid = 0;
+    schedule_uid = -1; // there is no such user
     next_full_rescan = 0;
     startup_child_pid = -1;
     for (std::string *text :
