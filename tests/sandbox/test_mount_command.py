@@ -514,6 +514,7 @@ def test_a_disc_is_mounted_read_only_whatever_was_asked(machine):
     machine.probe_says("sr0", "DISC", "iso9660")
     write("/proc/filesystems", "\tiso9660\n")
     stand_ins.shown_when_mounting(machine, "/dev/sr0 /mnt/sr0 iso9660 ro")
+    stand_ins.notes_events(machine)
     daemon = machine.start(
         trace=traced("ioctl:retval=4", "mount:retval=0", calls="mount,ioctl")
     )
@@ -525,6 +526,7 @@ def test_a_disc_is_mounted_read_only_whatever_was_asked(machine):
     ]
     assert "client asked" not in daemon.stderr()
     assert client.ask("mount rw sr0") == "OK but CD-ROM drives are readonly\n"
+    assert stand_ins.events() == ["sr0 about-to-mount", "/dev/sr0 mount"]
 
 
 # A device that goes while it is dealt with.
@@ -617,7 +619,7 @@ def test_a_mount_that_is_listed_late_is_waited_for(machine, seconds):
     machine.start()
     reply, took = timed(machine.connect(), "mount rw sdb1")
     assert reply == MOUNTED
-    assert seconds < took < seconds + 2
+    assert seconds < took < seconds + 5
     assert os.readlink("/mnt/^DATA") == "sdb1"
     assert is_served(machine)
 
@@ -713,7 +715,7 @@ def test_sigterm_ends_the_wait_for_the_table(machine):
     daemon = machine.start()
     client = machine.connect()
     took = end_during(machine, daemon, "Attempting FUSE", client, "mount rw sdb1", wait=1.5)
-    assert took < 3
+    assert took < 6
     assert client.line() in (b"", NOT_SHOWN.encode())
     assert "Shutting down any other swap files" in daemon.stderr()
     assert "mount failed" not in daemon.stderr()
