@@ -60,6 +60,8 @@ protected:
                 machine.Script(Call::MOUNT, {fails(medium.refusal)});
             else
                 Show(words[1], words[2], std::stoul(words[4]));
+        } else if (words[0] == "mount" && words[1] == "(null)") {
+            machine.Write("/proc/mounts", "/dev/sdb1 " + words[2] + " ext4 rw 0 0\n");
         } else if (words[0] == "umount") {
             machine.Remove(words[1] + "/.claimsig");
             machine.Write("/proc/mounts", "");
@@ -155,7 +157,8 @@ TEST_F(MainPartitionSearch, FindsASignature)
     EXPECT_EQ(main_partition, "sdb1");
     EXPECT_EQ(machine.LinkTarget("/mnt/main"), "sdb1");
     EXPECT_EQ(machine.LinkTarget("/mnt/^label-of-sdb1"), "sdb1");
-    EXPECT_EQ(mount_list.size(), 1U);
+    ASSERT_EQ(mount_list.size(), 1U); // read again when all was done
+    EXPECT_EQ(mount_list.front().options, std::vector<std::string>({"rw"}));
     EXPECT_EQ(filesystems_list.size(), 1U);
     EXPECT_EQ(proc_partitions.size(), 1U);
     EXPECT_EQ(std::filesystem::current_path(), std::filesystem::path(machine.RealPath("")));
@@ -772,6 +775,37 @@ TEST_F(MainPartitionSearch, UnknownLabelsAreAskedFor)
     EXPECT_EQ(partdev_list["sdb2"]->filesystem, "ext4");
     EXPECT_EQ(main_partition, "sdb2");
     EXPECT_EQ(machine.LinkTarget("/mnt/^DATA"), "sdb2");
+}
+
+// A drive without partitions is asked itself.
+TEST_F(MainPartitionSearch, WholeDriveIsAskedForItsLabel)
+{
+    settings.main_partition_label = "DATA";
+    BlockDevice *drive = AddDrive("sdb", {"ext4", ""});
+    drive->label = drive->filesystem = "";
+    labels["/dev/sdb"] = "DATA";
+    EXPECT_TRUE(search_main_partition());
+    EXPECT_EQ(main_partition, "sdb");
+    EXPECT_EQ(machine.Deeds("execv").size(), 1U);
+}
+
+// Hotplug mode forgets a drive's label time and again. One whose partitions are all examined, or
+// belong to arrays, or are unknown, is not asked again for what helps nobody.
+TEST_F(MainPartitionSearch, ExhaustedDriveIsNotAskedAgain)
+{
+    BlockDevice *drive = AddDrive("sdb");
+    AddPartition("sdb1")->scanned = 1;
+    AddPartition("sdb2");
+    raid_members["sdb2"] = true;
+    drive->partitions["sdb3"] = true;
+    drive->label = drive->filesystem = "";
+    EXPECT_FALSE(search_main_partition());
+    EXPECT_TRUE(machine.Deeds().empty());
+    AddPartition("sdb3")->scanned = 0;
+    EXPECT_FALSE(search_main_partition());
+    EXPECT_EQ(machine.Deeds("execv"), std::vector<std::string>({"execv /usr/bin/volsniffer "
+                                                                "/usr/bin/volsniffer /dev/sdb "
+                                                                "--fs"}));
 }
 
 // It is not asked for where it is known, where there is none, and of what was examined before.
