@@ -551,6 +551,31 @@ TEST_F(MountCommand, StillListedDeviceCountsAsMounted)
     }
 }
 
+// The table's escapes are no part of a path.
+TEST_F(MountCommand, MountPointsAreUsedWithoutEscapes)
+{
+    const std::string table = "/dev/sdc1 /mnt/my\\040disk ext4 ";
+    SetTable(table + "ro,nosuid 0 0\n");
+    machine.MakeDirectory("/mnt/my disk");
+    EXPECT_EQ(Ask("rw", "sdc1"), "OK remounted as r/w");
+    EXPECT_EQ(TakeDeeds(), Deeds({"mount '' /mnt/my disk '' 32", "mount '' /mnt/my disk '' 4130"}));
+    machine.Write("/mnt/my disk/file", "");
+    machine.AddProcess(12, "editor", {"/mnt/my disk/file"});
+    also_on_deed = [&](const std::string &deed) {
+        if (deed == "kill 12 15")
+            machine.Remove("/proc/12");
+    };
+    SetTable(table + "rw,nosuid 0 0\n");
+    EXPECT_EQ(Ask("rudero", "sdc1"), "OK remounted as r/o");
+    EXPECT_EQ(TakeDeeds(), Deeds({"log 6 12: editor is using mount points. terminating...",
+                                  "kill 12 15", "usleep 100000", "mount '' /mnt/my disk '' 33",
+                                  "mount '' /mnt/my disk '' 4131"}));
+    machine.Remove("/mnt/my disk/file");
+    EXPECT_EQ(Ask("off", "sdc1"), "OK unmount succeeded");
+    EXPECT_EQ(TakeDeeds(), Deeds({"umount /mnt/my disk"}));
+    EXPECT_FALSE(machine.Exists("/mnt/my disk"));
+}
+
 // Whole drives that are no hard drives are flushed by their bare names, twice, whatever becomes of
 // the request.
 TEST_F(MountCommand, RemovableDrivesAreFlushed)

@@ -51,9 +51,24 @@ TEST_F(Remounting, FlagsComeBackByABindRemount)
     EXPECT_EQ(errors.Take(), "");
 }
 
+// That nothing is mounted there any more is no refusal.
 TEST_F(Remounting, KernelsRefusalIsALine)
 {
-    machine.Script(Call::MOUNT, {fails(EPERM)});
+    machine.Script(Call::MOUNT, {fails(EPERM), fails(EINVAL)});
     put_flags_back("/mnt/sdb1", MS_NOSUID, false);
     EXPECT_EQ(errors.Take(), "Cannot protect /mnt/sdb1 again Operation not permitted\n");
+    put_flags_back("/mnt/sdb1", MS_NOSUID, false);
+    EXPECT_EQ(errors.Take(), "");
+}
+
+// Of a directory it is what is mounted there, under the name that the kernel's table gives it.
+TEST_F(Remounting, DirectorysFlagsAreThoseOfItsMount)
+{
+    machine.Write("/proc/mounts", "/dev/sdb1 /mnt/a\\040b ext4 rw,nosuid 0 0\n"
+                                  "/dev/sdb1 /mnt/sdb1 ext4 rw,nosuid,nodev 0 0\n");
+    ReadProcMounts();
+    EXPECT_EQ(protecting_flags_of("/mnt/sdb1"), static_cast<unsigned long>(MS_NOSUID | MS_NODEV));
+    EXPECT_EQ(protecting_flags_of("/mnt/a b"), static_cast<unsigned long>(MS_NOSUID));
+    EXPECT_EQ(protecting_flags_of("/mnt/sdb"), 0UL);
+    EXPECT_EQ(protecting_flags_of("/dev/sdb1"), 0UL);
 }
