@@ -1,7 +1,6 @@
 """Drives that come and go while the daemon polls."""
 import os
 import re
-import shutil
 
 import pytest
 
@@ -18,11 +17,7 @@ def drives(folder):
 
 
 def _two_partitions(name):
-    """A disk image with partitions labelled FIRST (ext4) and SECOND (vfat)."""
-    made = os.path.join(_folder, "made")
-    if not os.path.exists(made):
-        images.disk(made, "64M", [("24M", "83", "ext4", "FIRST"), (None, "c", "vfat", "SECOND")])
-    return shutil.copy(made, os.path.join(_folder, name))
+    return images.two_partitions(os.path.join(_folder, name))
 
 
 def appeared(*names):

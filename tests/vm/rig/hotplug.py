@@ -51,9 +51,10 @@ class HotPlug:
 
     # ------------------------------------------------------------- plugging
 
-    def plug(self, disk, timeout=30):
+    def plug(self, disk, timeout=30, wait=True):
         """Adds a Disk to the running machine (or puts back one taken out by unplug, given as its
-        Disk or its id) and waits for it. Returns its kernel name."""
+        Disk or its id) and waits for it. Returns its kernel name. wait=False: returns None at
+        once, so that it works in a machine that stands still (qmp("stop"))."""
         if isinstance(disk, str):
             disk = self.slots[disk].disk
         old = self.slots.get(disk.id)
@@ -70,7 +71,7 @@ class HotPlug:
         else:
             self.slots.pop(disk.id, None)
             self._add_devices(disk)
-        return self.node(disk.id, timeout) if self.slots[disk.id].has_node else None
+        return self.node(disk.id, timeout) if wait and self.slots[disk.id].has_node else None
 
     def _add_devices(self, disk):
         slot = self._place(disk, cold=False)
@@ -128,6 +129,15 @@ class HotPlug:
                 return
             except RigError:
                 time.sleep(0.02)
+
+    # ------------------------------------------------------------- what happens of itself
+
+    def udevd(self):
+        """Starts Debian's udevd with all its rules, of which some are the installed daemon's.
+        Ends with reset()."""
+        self.sh("rm -rf /run/udev; /lib/systemd/systemd-udevd >/run/rig/udevd.log 2>&1 &")
+        self.wait_until(lambda: self.sh("[ -e /run/udev/control ]", check=False).rc == 0, 10,
+                        "udevd")
 
     # ------------------------------------------------------------- trays and media
 

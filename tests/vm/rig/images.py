@@ -127,6 +127,15 @@ def disk(path, size, parts, table="dos"):
     return path
 
 
+def two_partitions(path):
+    """A disk with the partitions FIRST (ext4) and SECOND (vfat). One is made in each folder, the
+    others are its copies."""
+    made = os.path.join(os.path.dirname(path), "two-partitions")
+    if not os.path.exists(made):
+        disk(made, "64M", [("24M", "83", "ext4", "FIRST"), (None, "c", "vfat", "SECOND")])
+    return shutil.copy(made, path)
+
+
 def _copy_into(image, start, part):
     """Copies a file into an image at an offset and leaves holes where it is empty."""
     with open(image, "r+b") as out, open(part, "rb") as f:

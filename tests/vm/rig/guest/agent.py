@@ -133,17 +133,24 @@ def op_blocks(q):
     Reads nothing from the drives."""
     rows = []
     for name in sorted(os.listdir("/sys/block")):
-        real = os.path.realpath("/sys/block/" + name)
-        parts = [(int(read_all(real + "/" + part + "/partition") or b"0"), part)
-                 for part in os.listdir(real) if part.startswith(name)]
-        row = {"name": name, "path": real, "port": "", "parts": [p for n, p in sorted(parts) if n],
-               "size": int(read_all(real + "/size") or b"0") * 512}
-        ata = [p for p in real.split("/") if p.startswith("ata") and p[3:].isdigit()]
-        if ata:
-            up = real[:real.index("/" + ata[0] + "/")] + "/" + ata[0]
-            row["port"] = read_all("%s/ata_port/%s/port_no" % (up, ata[0])).decode().strip()
-        rows.append(row)
+        try:
+            rows.append(_block_row(name))
+        except FileNotFoundError:
+            pass                                  # pulled at this very moment
     return {"blocks": rows}
+
+
+def _block_row(name):
+    real = os.path.realpath("/sys/block/" + name)
+    parts = [(int(read_all(real + "/" + part + "/partition") or b"0"), part)
+             for part in os.listdir(real) if part.startswith(name)]
+    row = {"name": name, "path": real, "port": "", "parts": [p for n, p in sorted(parts) if n],
+           "size": int(read_all(real + "/size") or b"0") * 512}
+    ata = [p for p in real.split("/") if p.startswith("ata") and p[3:].isdigit()]
+    if ata:
+        up = real[:real.index("/" + ata[0] + "/")] + "/" + ata[0]
+        row["port"] = read_all("%s/ata_port/%s/port_no" % (up, ata[0])).decode().strip()
+    return row
 
 
 def op_poweroff(q):

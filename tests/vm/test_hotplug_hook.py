@@ -1,0 +1,300 @@
+"""The kernel's events on their way to the daemon: through udevd and the installed rule, and through
+a hotplug program that runs the installed hook."""
+import os
+import re
+import threading
+import time
+
+import pytest
+
+from rig import Disk, images
+
+_folder = None
+
+# Where the kernel has no helper any more, somebody who listens to it runs the same program.
+HOTPLUG_PROGRAM = """#!/bin/sh
+for hook in /etc/hotplug.d/$1/*.hotplug; do
+    [ ! -x "$hook" ] || "$hook" "$1"
+done
+"""
+EVENT_LISTENER = """import signal, socket, subprocess
+signal.signal(signal.SIGCHLD, signal.SIG_IGN)
+kernel = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 15)
+kernel.bind((0, 1))
+print("ready", flush=True)
+while True:
+    fields = kernel.recv(65536).split(b"\\0")[1:]
+    event = dict(field.split(b"=", 1) for field in fields if b"=" in field)
+    event.update({b"HOME": b"/", b"PATH": b"/sbin:/bin:/usr/sbin:/usr/bin"})
+    if event.get(b"SUBSYSTEM") == b"block":    # nobody has hooks for others here
+        subprocess.Popen(["/sbin/hotplug", "block"], env=event)
+"""
+BUSES = ["usb", "nvme", "virtio-scsi", "sata", "sd"]
+HOLD_UP = 2           # seconds that an event may be held up by the daemon
+NOISE = 1             # seconds by which two runs of the same thing differ
+# Seconds after which the daemon must have noticed. Mostly it takes one, but the guest's processors
+# are emulated, and shared. Without notices it would take a minute.
+SOON = 10
+
+
+def drives(folder):
+    global _folder
+    _folder = folder
+    return [Disk("sata", _image("sata"), id="sata", attached=False), Disk("sd", id="sd")]
+
+
+def _image(name):
+    return images.two_partitions(os.path.join(_folder, name))
+
+
+def insert(vm, bus, wait=True):
+    """Puts a drive with two partitions in, whatever that means on that bus; its id is the bus."""
+    if bus == "sata":
+        vm.plug("sata")
+    elif bus == "sd":
+        vm.insert("sd", _image("sd"))
+    else:
+        vm.plug(Disk(bus, _image(bus), id=bus), wait=wait)
+
+
+def pull(vm, bus):
+    if bus == "sd":
+        vm.remove_medium("sd")
+    else:
+        vm.unplug(bus)
+
+
+def device_lines(text):
+    return [line for line in text.splitlines() if line.startswith("Device ")]
+
+
+def notices(daemon, word=r"\S+"):
+    return re.findall(r"^Notify %s .*" % word, daemon.err(), re.M)
+
+
+def difference(vm):
+    """What either the list or /sys/block names alone, less loop and memory disks."""
+    listed = set(re.findall(r"^OK- \t+([^\t]+)\t", vm.request("list"), re.M))
+    rows = [r for r in vm.call("blocks")["blocks"] if not re.match("loop|ram", r["name"])]
+    return listed ^ set([r["name"] for r in rows] + sum((r["parts"] for r in rows), []))
+
+
+def wait_for_agreement(vm):
+    """Waits until the list agrees with /sys/block; the rescan of every minute comes too late."""
+    vm.wait_until(lambda: not difference(vm), SOON, lambda: "agreement on %s" % difference(vm))
+
+
+def started(vm, *args):
+    """The daemon, when the rescan that begins its loop is over."""
+    daemon = vm.daemon(args)
+    daemon.wait_err("Device vda1 just appeared (polling)\n")
+    time.sleep(0.3)
+    return daemon
+
+
+def come_and_go(vm, daemon, bus):
+    """A drive's life as the daemon tells it: each line within a second or so of the event."""
+    mark = len(daemon.err())
+    insert(vm, bus)
+    name, parts = vm.node(bus), vm.parts(bus, 2)
+    for device in [name] + parts:
+        vm.wait_until(lambda: re.search(r"^Device %s (just )?appeared \(" % device,
+                                        daemon.err()[mark:], re.M), SOON, device)
+    wait_for_agreement(vm)
+    told = device_lines(daemon.err()[mark:])
+    if bus == "nvme":         # a name that misleads the daemon: it learns of it by the rescan
+        assert told[0] == "Device %s just appeared (polling)" % name
+    else:
+        assert "Device %s appeared (hotplug)" % name in told
+    assert "disappeared" not in "".join(told) and len(told) == 3
+    mark = len(daemon.err())
+    pull(vm, bus)
+    daemon.wait_err("Device %s just disappeared" % name, timeout=SOON, since=mark)
+    assert device_lines(daemon.err()[mark:]) == [
+        "Device %s just disappeared (polling)" % device for device in parts + [name]]
+    assert not difference(vm) and "BUG" not in daemon.err()
+
+
+@pytest.mark.parametrize("bus", BUSES)
+def test_udev_tells_of_a_drive(fresh, bus):
+    """With udevd and the rule, a drive with two partitions gets into the list soon after it was
+    plugged, and out of it soon after it was pulled, without any polling."""
+    fresh.udevd()
+    daemon = started(fresh, "--hotplug")
+    come_and_go(fresh, daemon, bus)
+    assert notices(daemon, "add" if bus != "nvme" else "rescan") and notices(daemon, "remove")
+
+
+def test_hook_tells_of_a_drive(fresh):
+    """With a /sbin/hotplug that runs the installed hooks the daemon chooses hotplug mode by
+    itself, and hears of a stick, a drive behind PCI Express and a card in a reader."""
+    fresh.put("/sbin/hotplug", HOTPLUG_PROGRAM, 0o755)
+    helper = "/proc/sys/kernel/hotplug"
+    if fresh.sh("[ -e %s ]" % helper, check=False).rc == 0:
+        fresh.write(helper, "/sbin/hotplug")
+    else:
+        fresh.put("/run/rig/listener.py", EVENT_LISTENER)
+        fresh.sh("python3 /run/rig/listener.py >/run/rig/listener.out 2>&1 &")
+        fresh.wait_until(lambda: "ready" in fresh.text("/run/rig/listener.out"), 10)
+    daemon = started(fresh)
+    assert daemon.out().startswith("/sbin/hotplug present and executable\n"
+                                   "/etc/hotplug.d/block/quarryd.hotplug is present and executable"
+                                   "\nHotplug mode enabled\n")
+    for bus in ("usb", "nvme", "sd"):
+        come_and_go(fresh, daemon, bus)
+    assert notices(daemon, "add") and notices(daemon, "remove")
+    if fresh.sh("[ -e %s ]" % helper, check=False).rc == 0:
+        fresh.write(helper, "\n")
+
+
+@pytest.mark.parametrize("mode", ["polling", "hotplug"])
+def test_drives_all_at_once(fresh, mode):
+    """A stick, an NVMe, a SCSI and a SATA drive and a card that come in the same moment, and go in
+    the same moment, end in a list that agrees with /sys/block. In polling mode their events are
+    passed on as well, to no effect."""
+    fresh.udevd()
+    daemon = started(fresh, "--" + mode)
+    before = fresh.request("list")
+    mark = len(daemon.err())
+    fresh.qmp("stop")                         # they are there when the machine goes on
+    for bus in ("usb", "nvme", "virtio-scsi"):
+        insert(fresh, bus, wait=False)
+    fresh.qmp("cont")
+    for bus in ("sata", "sd"):
+        insert(fresh, bus)
+    names = [fresh.node(bus, 10) for bus in BUSES] + sum(
+        (fresh.parts(bus, 2) for bus in BUSES), [])
+    wait_for_agreement(fresh)
+    told = device_lines(daemon.err()[mark:])
+    assert len(told) == 15 and sorted(line.split()[1] for line in told) == sorted(names)
+    mark = len(daemon.err())
+    pulls = [threading.Thread(target=pull, args=(fresh, bus)) for bus in BUSES]
+    for thread in pulls:
+        thread.start()
+    for thread in pulls:
+        thread.join()
+    wait_for_agreement(fresh)
+    assert fresh.request("list") == before
+    assert sorted(device_lines(daemon.err()[mark:])) == sorted(
+        "Device %s just disappeared (polling)" % name for name in names)
+    assert bool(notices(daemon)) == (mode == "hotplug")
+    assert daemon.alive() and "BUG" not in daemon.err() and "killing" not in daemon.err()
+
+
+@pytest.mark.parametrize("bus, mode", [("usb", "polling"), ("usb", "hotplug"), ("nvme", "hotplug")])
+def test_drive_pulled_while_written_to(fresh, bus, mode):
+    """A mounted drive that is pulled while a process writes to it: the process is driven out, the
+    mount goes, with its folder, and so do the drive's records."""
+    fresh.udevd()
+    daemon = started(fresh, "--" + mode)
+    insert(fresh, bus)
+    name, (first, second) = fresh.node(bus), fresh.parts(bus, 2)
+    wait_for_agreement(fresh)
+    fresh.sh("mkdir -p /mnt/%s && mount /dev/%s /mnt/%s" % (first, first, first))
+    writer = fresh.sh("cd /mnt/%s && exec bash -c 'while :; do dd if=/dev/zero of=file bs=64k "
+                      "count=100 conv=fsync; done' >/dev/null 2>&1 & echo $!" % first).out.strip()
+    fresh.wait_until(lambda: fresh.sh("[ -s /mnt/%s/file ]" % first, check=False).rc == 0, 10)
+    mark = len(daemon.err())
+    pull(fresh, bus)
+    daemon.wait_err("Device %s just disappeared (polling)\n" % name, timeout=20, since=mark)
+    said = daemon.err()[mark:]
+    assert device_lines(said) == [
+        "Device %s just disappeared (polling)" % device for device in (first, second, name)]
+    assert "killing processes using %s on /mnt/%s\n" % (first, first) in said
+    fresh.wait_until(lambda: "/mnt/" not in fresh.text("/proc/mounts"), 5)
+    assert fresh.sh("[ -e /proc/%s ]" % writer, check=False).rc == 1
+    fresh.wait_until(lambda: fresh.sh("ls -A /mnt").out == "", 8, "an empty /mnt")
+    assert not difference(fresh) and daemon.alive() and "BUG" not in daemon.err()
+
+
+def test_change_events_are_kept_from_the_daemon(fresh):
+    """A drive that is opened for writing makes "change" events: udevd has them, the daemon hears of
+    none of them, nor do its own looks at the drive make any. So there is no loop."""
+    fresh.udevd()
+    daemon = started(fresh, "--hotplug")
+    name = fresh.plug(Disk("virtio-scsi", 16 << 20, id="written"))
+    wait_for_agreement(fresh)
+    fresh.sh("udevadm settle; udevadm monitor --udev --subsystem-match=block "
+             ">/run/rig/events 2>&1 &")
+    fresh.wait_until(lambda: "UDEV" in fresh.text("/run/rig/events"), 10)
+
+    def events():
+        return re.findall(r"^UDEV +\[.*\] (\w+) +\S+/%s " % name, fresh.text("/run/rig/events"),
+                          re.M)
+    told = notices(daemon)
+    fresh.sh("for n in 1 2 3; do : <>/dev/%s; udevadm settle; done" % name)
+    fresh.wait_until(lambda: len(events()) >= 3, SOON, lambda: fresh.text("/run/rig/events"))
+    assert set(events()) == {"change"}
+    seen = len(events())
+    for _ in range(2):
+        fresh.request("refresh")
+        fresh.request("list")
+        time.sleep(1)
+    assert len(events()) == seen
+    assert notices(daemon) == told == ["Notify add %s parent %s" % (name, name)]
+    fresh.unplug("written")
+
+
+def test_events_are_never_held_up(fresh):
+    """udevd is through with an event as soon as ever when there is no daemon and when it polls, and
+    two seconds later at most when it was stopped; then it learns of the drive as it goes on."""
+    def seconds():
+        begin = time.monotonic()
+        name = fresh.plug(Disk("virtio-scsi", 16 << 20, id="plain"))
+        fresh.sh("udevadm settle")
+        return name, time.monotonic() - begin
+
+    def gone():
+        begin = time.monotonic()
+        fresh.unplug("plain")
+        fresh.sh("udevadm settle")
+        return time.monotonic() - begin
+
+    fresh.udevd()
+    _, usual = seconds()
+    usual_end = gone()
+    daemon = started(fresh, "--polling")
+    _, polling = seconds()
+    assert polling < usual + NOISE
+    assert gone() < usual_end + NOISE
+    assert notices(daemon) == [] and daemon.stop() == 0
+    daemon = started(fresh, "--hotplug")
+    daemon.signal(19)
+    name, stopped = seconds()
+    stopped_end = gone()
+    print("udevd was done with a drive after %.1f s, %.1f s with a daemon that polls, %.1f s with "
+          "one that was stopped; pulled: %.1f s, %.1f s" % (usual, polling, stopped, usual_end,
+                                                            stopped_end))
+    limit = HOLD_UP + NOISE
+    assert 1 < stopped < usual + limit and 1 < stopped_end < usual_end + limit
+    daemon.signal(18)
+    daemon.wait_err("Notify remove %s parent %s\n" % (name, name), timeout=SOON)
+    assert notices(daemon) == ["Notify %s %s parent %s" % (action, name, name)
+                               for action in ("add", "remove")]
+    wait_for_agreement(fresh)
+
+
+def test_volume_mounted_at_once_stays(fresh):
+    """A device-mapper volume that is made and mounted in one breath, and a loop mount beside it,
+    stay as they are when their events have been passed on."""
+    fresh.udevd()
+    fresh.plug(Disk("virtio-scsi", 32 << 20, id="lower"))
+    lower = fresh.node("lower")
+    fresh.sh("mkfs.ext4 -q /dev/%s && truncate -s 16M /run/rig/image && mkfs.ext4 -q "
+             "/run/rig/image && modprobe -a loop dm_mod && mkdir -p /srv/volume /srv/image" % lower)
+    daemon = started(fresh, "--hotplug")
+    fresh.sh("dmsetup create vault --table '0 65536 linear /dev/%s 0' && mount /dev/dm-0 "
+             "/srv/volume && losetup /dev/loop0 /run/rig/image && mount /dev/loop0 /srv/image; "
+             "udevadm trigger --action=add --subsystem-match=block; udevadm settle" % lower)
+    workers = [fresh.sh("cd /srv/%s && exec sleep 1000 >/dev/null & echo $!" % place).out.strip()
+               for place in ("volume", "image")]
+    daemon.wait_err("Device dm-0 just appeared (polling)\n", timeout=SOON)
+    time.sleep(2)
+    assert "disappeared" not in daemon.err() and "loop" not in daemon.err()
+    for worker, device in zip(workers, ("dm-0", "loop0")):
+        mounts = fresh.text("/proc/mounts").replace("/mapper/vault ", "/dm-0 ")
+        assert "/dev/%s /srv/" % device in mounts
+        assert fresh.sh("[ -e /proc/%s ]" % worker, check=False).rc == 0
+    fresh.sh("kill %s; umount /srv/volume /srv/image; losetup -d /dev/loop0; dmsetup remove vault; "
+             "rmmod loop" % " ".join(workers), check=False)
+    fresh.unplug("lower")
