@@ -351,6 +351,27 @@ def test_a_driver_program_has_all_the_time_in_the_world(machine):
     assert took >= 4
 
 
+@pytest.mark.parametrize("mode", ["ro", "rw"])
+def test_what_a_driver_mounts_is_made_nosuid_and_nodev(machine, mode):
+    """Whatever the program made of it: nobody becomes root by a stick."""
+    stand_ins.exfat_stick(machine)
+    daemon = machine.start("--hotplug", trace=traced())
+    assert ask(machine, f"mount {mode} sdb1") == MOUNTED
+    assert {mode, "nosuid", "nodev"} <= set(stand_ins.mount_options("/mnt/sdb1"))
+    first = own_calls(daemon, "mount")[0]
+    read_only = "MS_RDONLY|" * (mode == "ro")
+    assert f"{read_only}MS_NOSUID|MS_NODEV|MS_REMOUNT|MS_BIND, NULL) = 0" in first
+
+
+def test_flags_for_a_mount_that_is_not_there_yet_are_no_matter(machine):
+    """A driver may mount a moment after its end; nothing is said of it."""
+    stick(machine, "exfat")
+    stand_ins.driver_lists(machine, after=0.5)
+    daemon = machine.start("--hotplug")
+    assert ask(machine) == MOUNTED
+    assert "Cannot protect" not in daemon.stderr()
+
+
 def test_a_driver_that_stays_in_the_background_is_no_child_of_the_daemon(machine):
     """As a real one does: the foreground ends when the mount is there."""
     stand_ins.exfat_stick(machine)

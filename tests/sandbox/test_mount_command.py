@@ -279,6 +279,22 @@ def test_a_hostile_label_stays_inside_mnt_and_away_from_every_shell(machine, lab
     ]
 
 
+def test_two_sticks_cannot_lead_out_of_mnt_together(machine):
+    """One label's link would be the way that the other label needs: /mnt/^A/../../root/owned."""
+    stand_ins.exfat_stick(machine, "sdb1", "A")
+    stand_ins.exfat_stick(machine, "sdb2", "A/../../root/owned")
+    daemon = machine.start("--hotplug")
+    assert machine.ask("mount rw sdb1") == MOUNTED
+    assert machine.ask("mount rw sdb2") == MOUNTED
+    assert os.readlink("/mnt/^A") == "sdb1"
+    assert os.listdir("/root") == []
+    assert "Cannot create drive label symlink /mnt/^A/../../root/owned, " in daemon.stderr()
+    # Nor is anything there removed that looks like the link.
+    os.symlink("sdb2", "/root/owned")
+    assert machine.ask("umount sdb2") == "OK unmount succeeded\n"
+    assert os.readlink("/root/owned") == "sdb2"
+
+
 @pytest.mark.parametrize(
     "raw, label",
     [

@@ -468,18 +468,29 @@ def test_a_directory_that_is_not_empty_stays_after_an_unmounting(machine):
     assert mounted_daemon.is_running()
 
 
-def test_a_mount_point_with_a_blank_is_not_found(machine):
-    """The table's escapes are not undone: the kernel knows no such path, and nothing is harmed."""
+@pytest.mark.parametrize("name", ["a b", "tab\there", "back\\slash", "line\nend", "\\040"])
+def test_a_mount_point_that_the_table_escapes_is_used_as_it_is(machine, name):
+    """Remounted, cleared and unmounted under its own name, whatever the kernel writes."""
     machine.real_mounts()
     machine.plug("usb", "sdb", 1 << 20)
-    machine.mount_tmpfs("sdb", "/mnt/a b")
-    daemon = machine.start("--hotplug")
-    reason = os.strerror(errno.ENOENT)
-    assert machine.ask("mount ro sdb") == "ERR cannot remount\n"
-    assert f"Cannot remount sdb {reason}\n" in daemon.stderr()
-    assert machine.ask("umount sdb") == NOT_UNMOUNTED
-    assert f"wait: umount failed. {reason}\nyup, cannot unmount {reason}\n" in daemon.stderr()
-    assert mount_options("/mnt/a\\040b") is not None
+    machine.mount_tmpfs("sdb", f"/mnt/{name}")
+    machine.start("--hotplug")
+    assert machine.ask("mount ro sdb") == "OK remounted as r/o\n"
+    assert machine.ask("mount rw sdb") == "OK remounted as r/w\n"
+    holder = machine.troublemaker("holder", "--cwd", f"/mnt/{name}")
+    assert machine.ask("mount rudeoff sdb") == UNMOUNTED
+    assert holder.wait(5) == -signal.SIGTERM
+    assert os.listdir("/mnt") == []
+
+
+@pytest.mark.parametrize("fstype, is_its_own", [("fuse", 0), ("fuse.sshfs", 0), ("fuseblk", 1)])
+def test_a_mount_that_any_user_can_name_is_no_devices_mount(machine, fstype, is_its_own):
+    """Who calls a FUSE mount of their own /dev/sdb does not get it unmounted as the drive."""
+    machine.plug("usb", "sdb", 1 << 20)
+    machine.mount_table([f"/dev/sdb /home/guest/fake {fstype} rw"])
+    machine.start("--hotplug", refuse=[("umount2", errno.EBUSY)])
+    reply = NOT_UNMOUNTED if is_its_own else "OK its not mounted anyway\n"
+    assert machine.ask("umount sdb") == reply
 
 
 def test_without_a_table_nothing_is_mounted(machine):

@@ -12,10 +12,11 @@ from .drives import write
 CALLS = "/run/stand-in-calls"
 REAL_MOUNT = "/.usr/bin/mount"
 
+# Without nosuid and nodev, as a driver program might.
 MOUNT_TMPFS = f"""
 for directory in "$@"; do device=$before before=$directory; done
 case "$*" in "-o ro "*) mode=ro;; *) mode=rw;; esac
-exec {REAL_MOUNT} -t tmpfs -o mode=755,$mode,nosuid,nodev "$device" "$directory"
+exec {REAL_MOUNT} -t tmpfs -o mode=755,$mode "$device" "$directory"
 """
 
 
