@@ -272,6 +272,9 @@ TEST_F(MountCommand, GuardsStandInTheirOrder)
         {"rude", "sdc1", 0, no_mode, false},
         {"ruderw", "sdc1", 0, no_mode, false},
         {"rudeoffx", "sdc1", 0, no_mode, false},
+        {"xro", "sdc1", 0, no_mode, false},
+        {"xrw", "sdc1", 0, no_mode, false},
+        {"xoff", "sdc1", 0, no_mode, false},
         {"umount", "sdc1", 0, no_mode, false},
         {"ro", "sdb", 0, main_wanted, false},
         {"off", "sdb", somebody, main_wanted, false}, // before rights
@@ -500,6 +503,17 @@ TEST_F(MountCommand, DirectoryInUseStays)
     EXPECT_EQ(Ask("off", "sdc1"), "OK unmount succeeded");
     EXPECT_TRUE(machine.Exists("/mnt/sdc1"));
     EXPECT_EQ(errors.Take(), "");
+}
+
+// A polite request fails where somebody is busy, and does nobody any harm.
+TEST_F(MountCommand, PoliteUnmountSparesEverybody)
+{
+    SetMounted("sdc1", "rw");
+    machine.AddProcess(13, "viewer", {"/mnt/sdc1/read"});
+    unmount_shows = false;
+    machine.Script(Call::UMOUNT, {fails(EBUSY), fails(EBUSY)});
+    EXPECT_EQ(Ask("off", "sdc1"), "ERR unmount failed");
+    EXPECT_EQ(TakeDeeds(), Deeds({"umount /mnt/sdc1", "sleep 2", "umount /mnt/sdc1"}));
 }
 
 // A busy device gets a second try after two seconds, and then is left as it was.

@@ -346,6 +346,19 @@ TEST_F(ScriptsDeadline, ThreeSecondsForAll)
     }
 }
 
+// A script that was never forked is nobody to wait for and nobody to kill.
+TEST_F(ScriptsDeadline, ScriptThatWasNotForkedIsNotKilled)
+{
+    Add("a");
+    Add("b");
+    Start(std::chrono::seconds(5));
+    machine.Script(Call::FORK, {really, fails(EAGAIN)});
+    EXPECT_EQ(Run(), 1);
+    EXPECT_EQ(errors.Take(), "");
+    EXPECT_EQ(machine.Deeds("kill"), Deeds());
+    EXPECT_EQ(machine.Calls(Call::WAITPID), 1);
+}
+
 // A veto said in time stays one.
 TEST_F(ScriptsDeadline, VetoInTimeStays)
 {
