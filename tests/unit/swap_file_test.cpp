@@ -564,6 +564,7 @@ TEST_F(SwapFile, OthersOfTheMainPartitionAreSwitchedOff)
         "/tmpfs/.mnt2/sda2/file",
         "/tmpfs/sda2/file",
         "/x/tmpfs/.mnt/sda2/file",
+        "/0123456789/sda2/tmpfs/.mnt/file",
         "/mnt/sda2/file",
         "/tmpfs/.mnt/sda2/folder/second",
     });
