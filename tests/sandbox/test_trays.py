@@ -191,3 +191,12 @@ def test_a_refusal_before_the_drive_is_touched_forgets_nothing(machine, command)
     machine.drop_mount_line("/dev/sr0")
     assert machine.ask(f"{command} sr0", "schedule").startswith("ERR schedule items")
     assert listed(machine) == ("OLD", "iso9660")
+
+
+@pytest.mark.parametrize("command", ["eject", "retract"])
+def test_a_blank_disc_does_not_inherit_the_label_of_the_one_before(machine, command):
+    optical(machine, "ioctl:retval=4")
+    assert listed(machine) == ("OLD", "iso9660")
+    machine.probe_runs("sr0", "exit 1\n")
+    assert machine.ask(f"{command} sr0").startswith("OK ")
+    assert listed(machine) == ("", " ")
