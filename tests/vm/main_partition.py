@@ -18,7 +18,7 @@ SCRIPT = """#!/bin/bash
 def put_scripts(vm, start="", stop=""):
     """Puts a start and a stop script in place, which note what they see; start and stop: more
     lines for each."""
-    vm.sh("rm -f " + RAN)
+    vm.put(RAN, "")
     vm.put(START, SCRIPT + start, 0o755)
     vm.put(STOP, SCRIPT + stop, 0o755)
 
@@ -53,7 +53,7 @@ class Run:
 def runs(vm):
     """The runs of the scripts that have noted everything."""
     complete, lines = [], []
-    for line in vm.sh("cat " + RAN, check=False).out.splitlines():
+    for line in vm.text(RAN).splitlines():
         if line == "end":
             complete.append(Run(lines))
             lines = []

@@ -1,11 +1,13 @@
 """The swap file of the main partition, on the filesystems that can hold it."""
 import os
+import signal
 
 import pytest
 
 import main_partition as main
 from rig import Disk, images
 
+HERE = os.path.dirname(os.path.abspath(__file__))
 KINDS = ("ext4", "xfs", "btrfs")
 
 
@@ -151,3 +153,42 @@ def test_mnt_is_a_link_into_memory(fresh):
     finally:
         vm.sh("swapoff -a; umount /tmpfs/.mnt/*; umount -l /tmpfs; rm -f /mnt; mkdir -p /mnt",
               check=False)
+
+
+def test_what_was_swapped_out_comes_back(fresh):
+    """A process whose memory is in the swap file keeps it when swap is switched off at the end."""
+    vm, name = fresh, name_of(fresh, "ext4")
+    put_swap(vm, name, "16M", format=True)
+    daemon = started(vm)
+    with open(os.path.join(HERE, "troublemakers", "swapped_out.py")) as f:
+        vm.put("/run/rig/swapped_out.py", f.read())
+    pid = vm.sh("python3 /run/rig/swapped_out.py 4 >/run/rig/swapped 2>&1 & echo $!").out.strip()
+    vm.wait_until(lambda: vm.text("/run/rig/swapped") == "swapped\n", 30,
+                  lambda: vm.text("/run/rig/swapped"))
+    assert daemon.stop() == 0 and main.nothing_left(vm)
+    assert "VmSwap:\t       0 kB" in vm.text("/proc/%s/status" % pid)
+    vm.sh("kill -USR1 " + pid)
+    assert vm.wait_until(lambda: vm.text("/run/rig/swapped").splitlines()[1:], 10) == ["right"]
+
+
+def test_swap_on_a_dead_xfs(fresh):
+    """The kernel opens nothing on an xfs that it could not write to, not even to end swap there:
+    that is said, the mount stays, and the daemon serves on and ends in time. (Nothing takes this
+    swap file away again: no test can follow.)"""
+    vm = fresh
+    stick = os.path.join(vm.dir, "stick")
+    name = vm.plug(Disk("usb", images.fs(stick, "64M", "xfs", "stick"), id="stick"))
+    put_swap(vm, name)
+    daemon = started(vm, "stick")
+    assert daemon.run.swaps == ["/mnt/%s/swap.img" % name]
+    daemon.signal(signal.SIGSTOP)                   # the kernel notices first
+    vm.sh("touch /mnt/%s/unwritten" % name)
+    vm.unplug("stick")
+    assert vm.sh("sync -f /mnt/%s/unwritten" % name, check=False).rc != 0
+    daemon.signal(signal.SIGCONT)
+    daemon.wait_err("yep. cannot force unmount /mnt/%s\n" % name, 30)
+    assert ("Unable to remove swapfile /mnt/%s/swap.img, Input/output error. this may hamper "
+            "unmount!\n" % name) in daemon.err()
+    assert vm.request("list", timeout=10).endswith("OK  eom\n")
+    assert daemon.stop(20) == 0
+    assert vm.sh("[ -L /mnt/main ]", check=False).rc == 1
