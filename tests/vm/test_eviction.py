@@ -4,9 +4,8 @@ import time
 
 import pytest
 
+from holders import KILL, TERM, alive, hold, said_of
 from rig import Disk, images
-
-HERE = os.path.dirname(os.path.abspath(__file__))
 
 
 def drives(folder):
@@ -26,33 +25,6 @@ def mounted(fresh):
     fresh.sh("set -e; cd /mnt; for n in %s %s %s; do mkdir $n; mount /dev/$n $n; done; "
              "ln -s %s ^ONE; ln -s %s ^TWO; ln -s %s ^WHOLE" % ((first, second, whole) * 2))
     return fresh, first, second, whole
-
-
-def hold(vm, how, folder):
-    """Starts a process that holds the folder; returns its pid when it does."""
-    vm.put("/run/rig/holder.py", open(os.path.join(HERE, "troublemakers", "holder.py")).read())
-    log = "/run/rig/holder-" + how
-    pid = vm.sh("rm -f %s; python3 /run/rig/holder.py %s %s >%s 2>&1 & echo $!"
-                % (log, how, folder, log)).out.strip()
-    vm.wait_until(lambda: "holding" in vm.sh("cat " + log, check=False).out, 10,
-                  lambda: "the holder: " + vm.text(log))
-    if how == "stopped":
-        vm.wait_until(lambda: "\nState:\tT" in vm.text("/proc/%s/status" % pid), 5)
-    return pid
-
-
-def alive(vm, pid):
-    return vm.sh("[ -e /proc/%s ]" % pid, check=False).rc == 0
-
-
-def said_of(vm, pid):
-    """What the system log says of a process."""
-    return [text for line in vm.syslog() for text in [line.split("]: ", 1)[1]]
-            if text.startswith(pid + ":")]
-
-
-TERM = "%s: python3 is using mount points. terminating..."
-KILL = "%s: python3 is still using mount point. forcibly terminating..."
 
 
 def test_everything_is_unmounted_at_the_end(mounted):
