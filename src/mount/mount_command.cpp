@@ -340,7 +340,7 @@ static void mount_device(const MountRequest &request, const std::string &known_f
     std::string candidate;
     if (!try_drivers(request.name, mountpoint, known_filesystem, request.ro, request.rw,
                      candidate) ||
-        !wait_for_mount(request.name)) {
+        !wait_for_mount(request.name, candidate)) {
         reply = "ERR mount failed";
         return;
     }

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "base/daemon_state.h"
+#include "base/words.h"
 #include "mount/filesystem_drivers.h"
 #include "mount/mount_tables.h"
 #include "mount/remounting.h"
@@ -85,11 +86,8 @@ static Attempt try_fuse_driver(const std::string &name, const std::string &mount
     if (strcmp(candidate, "*ntfs-3g") == 0 && !read_write)
         return ATTEMPT_FAILED;
     fprintf(stderr, "Trying FUSE driver %s\n", candidate);
-    if (mount_fuse("/dev/" + name, mountpoint, candidate, read_only) < 0)
-        return ATTEMPT_FAILED;
-    // A driver that root runs may mount without them, and show the device nodes of the drive.
-    put_flags_back(mountpoint, MS_NOSUID | MS_NODEV, read_only);
-    return ATTEMPT_MOUNTED;
+    return mount_fuse("/dev/" + name, mountpoint, candidate, read_only) < 0 ? ATTEMPT_FAILED
+                                                                            : ATTEMPT_MOUNTED;
 }
 
 bool try_drivers(const std::string &name, const std::string &mountpoint,
@@ -123,9 +121,22 @@ static bool look_for_mount(const std::string &device_path)
     return false;
 }
 
-bool wait_for_mount(const std::string &name)
+// A driver program that root runs may mount without nosuid and nodev, and show the device nodes of
+// the drive. What else it has decided, read-only or read-write too, is left to it.
+static void protect_mount(const std::string &device_path)
 {
-    const bool found = look_for_mount("/dev/" + name);
+    const MountEntry *entry = FindMount("device", device_path);
+    if (entry)
+        put_flags_back(from_kernel_table(entry->mountpoint),
+                       protecting_flags(*entry) | MS_NOSUID | MS_NODEV, !has_option(*entry, "rw"));
+}
+
+bool wait_for_mount(const std::string &name, const std::string &candidate)
+{
+    const std::string device_path = "/dev/" + name;
+    const bool found = look_for_mount(device_path);
+    if (candidate.starts_with('*'))
+        protect_mount(device_path);
     ReadProcMounts();
     return found;
 }

@@ -14,7 +14,7 @@ bool try_drivers(const std::string &name, const std::string &mountpoint,
 
 // Waits until the mount table shows the device, for eleven seconds at most; the table is read again
 // before each look and once more at the end. False when it never did. A daemon that is asked to
-// stop waits no longer and gives true.
-bool wait_for_mount(const std::string &name);
+// stop waits no longer and gives true. What a driver program has mounted becomes nosuid and nodev.
+bool wait_for_mount(const std::string &name, const std::string &candidate);
 
 #endif

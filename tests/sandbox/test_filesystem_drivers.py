@@ -363,13 +363,35 @@ def test_what_a_driver_mounts_is_made_nosuid_and_nodev(machine, mode):
     assert f"{read_only}MS_NOSUID|MS_NODEV|MS_REMOUNT|MS_BIND, NULL) = 0" in first
 
 
-def test_flags_for_a_mount_that_is_not_there_yet_are_no_matter(machine):
-    """A driver may mount a moment after its end; nothing is said of it."""
-    stick(machine, "exfat")
-    stand_ins.driver_lists(machine, after=0.5)
+def test_what_a_driver_mounts_late_is_made_nosuid_and_nodev_too(machine):
+    """A moment after its own end, when the table shows it; the remount for ACLs included."""
+    stand_ins.exfat_stick(machine)
+    real = f"{stand_ins.REAL_MOUNT} -t tmpfs -o mode=755 /dev/sdb1 /mnt/sdb1"
+    stand_ins.stand_in(machine, EXFAT, f"(sleep 0.5; {real}) > /dev/null 2>&1 &\n")
+    stand_ins.stand_in(
+        machine,
+        "/usr/bin/mount",
+        f"exec {stand_ins.REAL_MOUNT} -i -o remount,suid,dev,rw /mnt/sdb1\n",
+    )
     daemon = machine.start("--hotplug")
     assert ask(machine) == MOUNTED
+    assert {"rw", "nosuid", "nodev"} <= set(stand_ins.mount_options("/mnt/sdb1"))
     assert "Cannot protect" not in daemon.stderr()
+
+
+def test_a_driver_that_mounts_read_write_against_its_orders_is_told_of(machine):
+    """Only the protecting flags are added: the reply tells what the driver did, and it stays so.
+    What the driver forbids beyond them stays forbidden."""
+    stand_ins.exfat_stick(machine)
+    real = f"{stand_ins.REAL_MOUNT} -t tmpfs -o mode=755,rw,noexec /dev/sdb1 /mnt/sdb1"
+    stand_ins.stand_in(machine, EXFAT, f"exec {real}\n")
+    machine.start("--hotplug")
+    assert ask(machine, "mount ro sdb1") == (
+        "OK- mount succeeded\nOK warning: for some bizarre reason your mount r/o request has been "
+        "granted as r/w\n"
+    )
+    options = set(stand_ins.mount_options("/mnt/sdb1"))
+    assert {"rw", "nosuid", "nodev", "noexec"} <= options
 
 
 def test_a_driver_that_stays_in_the_background_is_no_child_of_the_daemon(machine):

@@ -257,21 +257,21 @@ TEST_F(WaitForMount, ElevenLooks)
         ShowAfter(seconds);
         machine.ForgetCalls();
         const size_t before = machine.Deeds().size();
-        EXPECT_TRUE(wait_for_mount("sdb1")) << seconds;
+        EXPECT_TRUE(wait_for_mount("sdb1", "ext4")) << seconds;
         EXPECT_EQ(machine.Deeds(), Deeds(before + static_cast<size_t>(seconds), "sleep 1"));
         EXPECT_EQ(machine.Opened("/proc/mounts"), seconds + 2) << seconds;
         EXPECT_NE(FindMount("device", "/dev/sdb1"), nullptr);
     }
     machine.ForgetCalls();
     const size_t before = machine.Deeds().size();
-    EXPECT_TRUE(wait_for_mount("sdb1")); // there from the start: no sleep
+    EXPECT_TRUE(wait_for_mount("sdb1", "ext4")); // there from the start: no sleep
     EXPECT_EQ(machine.Deeds().size(), before);
     EXPECT_EQ(machine.Opened("/proc/mounts"), 2);
 }
 
 TEST_F(WaitForMount, NeverIsAFailure)
 {
-    EXPECT_FALSE(wait_for_mount("sdb1"));
+    EXPECT_FALSE(wait_for_mount("sdb1", "ext4"));
     EXPECT_EQ(machine.Deeds(), Deeds(11, "sleep 1"));
     EXPECT_EQ(machine.Opened("/proc/mounts"), 12);
 }
@@ -280,7 +280,7 @@ TEST_F(WaitForMount, NeverIsAFailure)
 TEST_F(WaitForMount, TwelfthLookIsTooLate)
 {
     ShowAfter(11);
-    EXPECT_FALSE(wait_for_mount("sdb1"));
+    EXPECT_FALSE(wait_for_mount("sdb1", "ext4"));
     EXPECT_NE(FindMount("device", "/dev/sdb1"), nullptr);
 }
 
@@ -292,11 +292,11 @@ TEST_F(WaitForMount, StopEndsTheWait)
             terminate_requested = 1;
     };
     machine.ForgetCalls();
-    EXPECT_TRUE(wait_for_mount("sdb1"));
+    EXPECT_TRUE(wait_for_mount("sdb1", "ext4"));
     EXPECT_EQ(machine.Deeds(), Deeds(3, "sleep 1"));
     EXPECT_EQ(machine.Opened("/proc/mounts"), 5);
     EXPECT_EQ(FindMount("device", "/dev/sdb1"), nullptr);
 
-    EXPECT_TRUE(wait_for_mount("sdb1")); // asked before
+    EXPECT_TRUE(wait_for_mount("sdb1", "ext4")); // asked before
     EXPECT_EQ(machine.Deeds().size(), 3U);
 }
