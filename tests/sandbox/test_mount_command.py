@@ -163,7 +163,7 @@ def test_of_two_devices_with_one_label_the_first_partition_is_taken(machine):
         machine.part(name, 4096)
     for name in ("sda", "sdc10", "sdc2"):
         machine.probe_says(name, "TWINS", "exfat")
-    daemon = machine.start()
+    daemon = machine.start("--hotplug")
     assert machine.ask("umount ^TWINS") == "OK its not mounted anyway\n"
     assert lines_from(daemon, "Scanning devices") == [
         "Scanning devices to locate drive labelled 'TWINS'",
@@ -181,7 +181,7 @@ def test_of_two_devices_with_one_label_the_first_partition_is_taken(machine):
 
 def test_a_label_that_nobody_has_is_looked_for_everywhere(machine):
     stick(machine, "exfat")
-    daemon = machine.start()
+    daemon = machine.start("--hotplug")
     assert machine.ask("mount rw ^data") == "ERR Label not found\n"
     assert lines_from(daemon, "Scanning devices") == [
         "Scanning devices to locate drive labelled 'data'",

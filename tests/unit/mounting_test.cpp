@@ -207,8 +207,7 @@ TEST_F(TryDrivers, DriverProgramsAreTried)
     deeds.erase(deeds.begin(), deeds.begin() + static_cast<std::ptrdiff_t>(before));
     EXPECT_EQ(deeds, Deeds({"execl /bin/sh sh -c modprobe fuse",
                             "execv /sbin/mount.exfat /sbin/mount.exfat -o ro -o "
-                            "locale=en_EN.UTF-8,gid=99,uid=99 /dev/sdb1 /mnt/sdb1",
-                            "mount '' /mnt/sdb1 '' 4135"}));
+                            "locale=en_EN.UTF-8,gid=99,uid=99 /dev/sdb1 /mnt/sdb1"}));
     errors.Take();
     before = machine.Deeds().size();
     EXPECT_TRUE(Try("ntfs", false));
@@ -217,8 +216,7 @@ TEST_F(TryDrivers, DriverProgramsAreTried)
     deeds.erase(deeds.begin(), deeds.begin() + static_cast<std::ptrdiff_t>(before));
     EXPECT_EQ(deeds, Deeds({"execl /bin/sh sh -c modprobe fuse",
                             "execv /bin/ntfs-3g /bin/ntfs-3g -o "
-                            "locale=en_EN.UTF-8,gid=99,uid=99 /dev/sdb1 /mnt/sdb1",
-                            "mount '' /mnt/sdb1 '' 4134"}));
+                            "locale=en_EN.UTF-8,gid=99,uid=99 /dev/sdb1 /mnt/sdb1"}));
     EXPECT_EQ(errors.Take(), "Trying FUSE driver *ntfs-3g\nAttempting FUSE driver ntfs-3g\n");
 }
 
@@ -267,6 +265,30 @@ TEST_F(WaitForMount, ElevenLooks)
     EXPECT_TRUE(wait_for_mount("sdb1", "ext4")); // there from the start: no sleep
     EXPECT_EQ(machine.Deeds().size(), before);
     EXPECT_EQ(machine.Opened("/proc/mounts"), 2);
+}
+
+// Whatever a driver program has done: nosuid and nodev are added to what the table shows.
+TEST_F(WaitForMount, WhatADriverProgramMountsIsProtected)
+{
+    static const struct {
+        const char *options;
+        unsigned long flags;
+    } cases[] = {
+        {"rw", 0},
+        {"ro", MS_RDONLY},
+        {"rw,nosuid,noexec", MS_NOEXEC},
+    };
+    for (const auto &c : cases) {
+        machine.Write("/proc/mounts",
+                      "/dev/sdb1 /mnt/a\\040b fuseblk " + std::string(c.options) + " 0 0\n");
+        const size_t before = machine.Deeds().size();
+        EXPECT_TRUE(wait_for_mount("sdb1", "*ntfs-3g"));
+        ASSERT_EQ(machine.Deeds().size(), before + 1) << c.options;
+        const unsigned long flags = MS_REMOUNT | MS_BIND | MS_NOSUID | MS_NODEV | c.flags;
+        EXPECT_EQ(machine.Deeds().back(), "mount '' /mnt/a b '' " + std::to_string(flags));
+        EXPECT_TRUE(wait_for_mount("sdb1", "ntfs"));
+        EXPECT_EQ(machine.Deeds().size(), before + 1) << "the kernel's driver was told the flags";
+    }
 }
 
 TEST_F(WaitForMount, NeverIsAFailure)
