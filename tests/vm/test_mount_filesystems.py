@@ -7,7 +7,7 @@ from mounts import (entries_of_mnt, is_protected, loaded_modules, mount_flags, m
                     reply_to)
 from rig import Disk, GuestError
 
-DISKS = [Disk("virtio-scsi", 128 << 20, id="disk"), Disk("usb", 16 << 20, id="small")]
+DISKS = [Disk("virtio-scsi", 48 << 20, id="disk"), Disk("usb", 16 << 20, id="small")]
 
 MOUNTED = "OK mount succeeded\n\n"
 READ_ONLY_AFTER_ALL = ("OK- mount succeded\nOK warning: Despite your request, the drive is mounted "
@@ -263,7 +263,7 @@ def test_damaged_volume(fresh, made, start, drivers):
     """A volume whose innards are gone behind a superblock that looks well is tried with its own
     drivers and not mounted, and the daemon goes on."""
     vm, name = fresh, fresh.fs("disk", made, "LAB")
-    vm.sh("modprobe -a xfs btrfs; blkdiscard -f -z -o %d -l 48M /dev/%s; "
+    vm.sh("modprobe -a xfs btrfs; blkdiscard -f -z -o %d -l 24M /dev/%s; "
           "blockdev --flushbufs /dev/%s" % (start, name, name))
     daemon = vm.daemon()
     for mode in ("rw", "ro"):

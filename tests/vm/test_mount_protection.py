@@ -12,7 +12,7 @@ MOUNTED = "OK mount succeeded\n\n"
 
 def drives(folder):
     locked = images.fs(os.path.join(folder, "locked"), "16M", "ext4", "LOCKED")
-    return [Disk("usb", 64 << 20, id="stick"), Disk("usb", locked, id="locked", readonly=True),
+    return [Disk("usb", 16 << 20, id="stick"), Disk("usb", locked, id="locked", readonly=True),
             Disk("virtio-scsi", 16 << 20, id="a"), Disk("virtio-scsi", 16 << 20, id="b"),
             Disk("optical-sata", id="dvd")]
 
@@ -53,17 +53,16 @@ def check_harmless(vm, name, mode):
 
 def test_nobody_becomes_root_by_a_stick(fresh):
     """A set-user-id shell and a device node on an ext4 stick are worth nothing to an unprivileged
-    user, whichever way the stick was mounted or remounted, by whomever, with its quotas and ACLs
-    switched on."""
+    user, whichever way the stick was mounted or remounted, with its quotas and ACLs switched
+    on."""
     vm, name = fresh, lay_traps(fresh, "ext4")
     daemon = vm.daemon()
     for word, reply, mode in (
             ("ro", MOUNTED, "ro"), ("rw", "OK remounted as r/w\n", "rw"),
             ("off", "OK unmount succeeded\n", None), ("rw", MOUNTED, "rw"),
             ("ro", "OK remounted as r/o\n", "ro"), ("rw", "OK remounted as r/w\n", "rw"),
-            ("rw", "OK already mounted read/write\n", "rw"),
             ("rudero", "OK remounted as r/o\n", "ro"), ("rw", "OK remounted as r/w\n", "rw"),
-            ("rudeoff", "OK unmount succeeded\n", None), ("rudero", MOUNTED, "ro")):
+            ("rudeoff", "OK unmount succeeded\n", None)):
         assert vm.request("mount %s %s" % (word, name), uid=GUEST) == reply
         if mode:
             check_harmless(vm, name, mode)
