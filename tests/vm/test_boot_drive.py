@@ -12,7 +12,8 @@ from rig import Disk
 ])
 def test_boot_drive(vm_factory, bus, partition, drive, places):
     """The boot partition is the root's device and the boot drive its first three letters; the
-    listings mark both, and neither is unmounted at the end."""
+    listings mark both, and neither is unmounted at the end. With the right signature and the right
+    label it still is never the main partition."""
     vm = vm_factory([Disk("sata", 32 << 20, id="other")], root_bus=bus)
     daemon = vm.daemon()
     err = daemon.wait_err("Device %s just appeared (polling)\n" % partition)
@@ -24,3 +25,11 @@ def test_boot_drive(vm_factory, bus, partition, drive, places):
     assert daemon.stop() == 0
     assert "/dev/%s / ext4 rw" % partition in vm.text("/proc/mounts")
     assert "killing" not in daemon.err()
+
+    vm.put("/.claimsig", "booted\n")
+    searching = vm.daemon(conf="main partition signature = booted\n"
+                               "main partition label = rigroot\n")
+    vm.request("list")                              # served behind a pass of the search
+    assert "Found main partition" not in searching.err()
+    assert searching.stop() == 0
+    assert "/dev/%s / ext4 rw" % partition in vm.text("/proc/mounts")

@@ -226,19 +226,6 @@ def test_mounted_by_somebody(fresh):
     assert daemon.stop() == 0 and "/srv/elsewhere" not in vm.text("/proc/mounts")
 
 
-def test_boot_drive_is_never_taken(fresh):
-    """The partition that the machine was booted from is passed over, with the right signature and
-    the right label."""
-    fresh.put("/.claimsig", "booted\n")
-    daemon = fresh.daemon(conf=main.conf("booted", "rigroot"))
-    search_once(fresh)
-    assert daemon.err().count("has sig") == len(BUSES) and "Label: 'rigroot'" in daemon.err()
-    assert "Found main partition" not in daemon.err()
-    assert fresh.sh("[ -L /mnt/main ]", check=False).rc == 1
-    assert "nosuid" not in main.options_of(fresh, "/") and "rw" in main.options_of(fresh, "/")
-    assert daemon.stop() == 0 and main.options_of(fresh, "/")
-
-
 def test_raid_member_is_never_taken(fresh):
     """Half of a stopped mirror is passed over, although it could be mounted and has the right
     signature and label; the running mirror is taken, and not its half."""
