@@ -259,7 +259,7 @@ def pulled_in_hotplug_mode(tour):
         "OK mount succeeded\n"), "it is mounted")
     name = vm.node("stick")
     tour.listen()
-    print("(the stick is pulled, and the hotplug hook says so)", flush=True)
+    print("(the stick is pulled; no udevd runs here, so the event is passed on by hand)", flush=True)
     vm.unplug("stick")
     tour.show("q notify remove /block/%s" % name)
     tour.new_lines("Device %s just disappeared" % name)

@@ -12,7 +12,7 @@ void take_hotplug_notice(const std::string &action, const std::string &name);
 
 // The drive that a device belongs to, going by its name: "sda" for "sda1", "mmcblk0" for
 // "mmcblk0p1", and the device itself when it is a drive. Other names with a "p" in them are not
-// taken apart: their events lead to the rescan alone.
+// taken apart ("nvme0n1p" for "nvme0n1p1"): the rescan puts right what comes of that.
 std::string parent_of_device(const std::string &name);
 
 #endif

@@ -227,9 +227,6 @@ HOSTILE_LABELS = {
 }
 
 
-
-
-
 def everything_outside_mnt():
     found = set()
     for folder in ("/root", "/tmp", "/etc", "/var", "/run", "/dev"):
@@ -617,12 +614,14 @@ def test_a_mount_point_that_is_there_already_is_used(machine):
     assert machine.ask("mount ro sdb1") == MOUNTED
 
 
-def test_the_mount_point_may_be_entered_by_all(machine):
-    """Nobody's umask takes rights away: the modes of what is mounted are what counts later."""
+@pytest.mark.parametrize("umask, mode", [(0, 0o777), (0o22, 0o755)])
+def test_the_mount_point_is_made_for_everybody(machine, umask, mode):
+    """As far as the umask goes that the daemon was started with."""
     stick(machine, "ext4")
+    os.umask(umask)
     machine.start(refuse=[("mount", errno.EINVAL)])
     assert machine.ask("mount ro sdb1") == FAILED
-    assert os.stat("/mnt/sdb1").st_mode & 0o777 in (0o755, 0o777)
+    assert os.stat("/mnt/sdb1").st_mode & 0o777 == mode
 
 
 # The kernel's table, late or never.
