@@ -212,9 +212,12 @@ def test_hotplug_mode_looks_for_drives_once_a_minute(machine):
     assert time.monotonic() - start > 58
 
 
-def test_hotplug_mode_takes_stock_once_more_when_the_loop_starts(machine):
-    """The time of the first full rescan is long past when hotplug mode begins."""
+@pytest.mark.parametrize("polled", [False, True])
+def test_hotplug_mode_begins_with_a_look_at_all_drives(machine, polled):
+    """The time of the first full rescan is long past then, and no polling has moved it."""
     daemon = machine.start("--polling")
+    if polled:
+        machine.settle()
     daemon.send_signal(signal.SIGSTOP)
     machine.plug("usb", "sdb", 1 << 20)
     client = machine.connect()
