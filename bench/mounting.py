@@ -18,7 +18,9 @@ WAYS = (("calls", "mount(2), umount2(2)"), ("mount8", "mount(8), umount(8)"),
 PACKAGES = "udisks2 dbus"
 # System calls by number, as x86-64 has them.
 RECVFROM, SENDTO, CLONE, WAIT4, MOUNT, UMOUNT2 = 45, 44, 56, 61, 165, 166
-TRACED = (RECVFROM, SENDTO, CLONE, WAIT4, MOUNT, UMOUNT2)
+# Where the time between a request and its reply can go.
+KERNEL, OTHER_CALLS = "the kernel: mount and umount calls", "the kernel: all other calls"
+PLACES = {"volsniffer": "the label probe", "mount": "mount(8), for ACLs"}
 UDISKS2 = """set -e
 mkdir -p /run/dbus /run/udisks2 /var/lib/udisks2
 dbus-daemon --system --fork
@@ -93,13 +95,13 @@ def print_shares(report, seconds, shares):
     rows = []
     for kind, parts in shares.items():
         whole = statistics.median([sum(one.values()) for one in parts])
-        for name in ("mount and umount calls", "label probe", "mount(8) for ACLs", "the daemon"):
+        for name in (KERNEL, OTHER_CALLS, *PLACES.values(), "the daemon itself"):
             taken = statistics.median([one.get(name, 0.0) for one in parts])
             rows.append((kind, name, 1000 * taken, 100 * taken / whole))
         rows.append((kind, "together", 1000 * whole, 100.0))
         calls = statistics.median(seconds["calls", kind])
         report.bound(f"{kind}: from request to reply, ratio to the bare calls", whole / calls, 2.5)
-        own = statistics.median([one.get("the daemon", 0.0) / sum(one.values()) for one in parts])
+        own = statistics.median([one["the daemon itself"] / sum(one.values()) for one in parts])
         report.bound(f"{kind}: the daemon's own share", 100 * own, 10, "%")
     report.table("Where the daemon's time goes, from the request's arrival to the reply",
                  ("filesystem", "in", "ms", "%"), rows)
@@ -107,14 +109,14 @@ def print_shares(report, seconds, shares):
 
 def traced(vm, daemon, part, kind, count):
     """For each mount with its unmount the seconds spent in each place, from the kernel's trace."""
-    numbers = " || ".join(f"id == {number}" for number in TRACED)
     vm.sh(f"""set -e
 mountpoint -q /sys/kernel/tracing || mount -t tracefs t /sys/kernel/tracing
 cd /sys/kernel/tracing
 echo 0 >tracing_on; echo >trace; echo 16384 >buffer_size_kb
 echo 1 >options/event-fork; echo {daemon.pid} >set_event_pid
 for e in sys_enter sys_exit; do
-  echo '{numbers}' >events/raw_syscalls/$e/filter; echo 1 >events/raw_syscalls/$e/enable
+  echo 'common_pid == {daemon.pid}' >events/raw_syscalls/$e/filter
+  echo 1 >events/raw_syscalls/$e/enable
 done
 echo 1 >events/sched/sched_process_exec/enable
 echo 1 >tracing_on""")
@@ -130,35 +132,38 @@ echo 1 >tracing_on""")
 
 
 EVENT = re.compile(r"-(\d+) +\[\d+\] \S+ +(\d+\.\d+): (\w+): (.*)")
-PROGRAMS = {"/usr/bin/volsniffer": "label probe", "/usr/bin/mount": "mount(8) for ACLs",
-            "/bin/mount": "mount(8) for ACLs"}
 
 
 def read_trace(text, daemon):
     """For each request of the trace: {place: seconds}."""
-    begun = entered = place = None
+    begun = entered = forked = program = None
     places = {}
     for pid, moment, event, rest in EVENT.findall(text):
         moment = float(moment)
         if event == "sched_process_exec":
-            program = re.search(r"filename=(\S+)", rest)[1]
-            place = PROGRAMS.get(program, program)
+            program = os.path.basename(re.search(r"filename=(\S+)", rest)[1])
         if int(pid) != daemon or not rest.startswith("NR "):
             continue
         number = int(rest.split()[1])
         if event == "sys_enter":
-            if number == SENDTO and begun is not None:
-                places["the daemon"] = moment - begun - sum(places.values())
+            entered = moment
+            if number == CLONE:                 # a child's time goes from its making to its end
+                forked = moment
+            elif number == SENDTO and begun is not None:
+                places["the daemon itself"] = moment - begun - sum(places.values())
                 yield places
-                begun, places = None, {}
-            elif number != WAIT4:       # a child's time begins with its making
-                entered = moment
-        elif number == RECVFROM and int(rest.split("=")[1]) > 1:
+                begun = None
+            continue
+        result = int(rest.split("=")[1])
+        if number == RECVFROM and result > 1:
             begun, places = moment, {}
-        elif begun is not None and number in (MOUNT, UMOUNT2):
-            add(places, "mount and umount calls", moment - entered)
-        elif begun is not None and number == WAIT4 and int(rest.split("=")[1]) > 0:
-            add(places, place, moment - entered)
+        elif begun is None:
+            pass
+        elif number == WAIT4 and result > 0:
+            add(places, PLACES[program], moment - forked)
+            forked = None
+        elif forked is None:
+            add(places, KERNEL if number in (MOUNT, UMOUNT2) else OTHER_CALLS, moment - entered)
 
 
 def add(places, name, seconds):
