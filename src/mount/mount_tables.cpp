@@ -53,9 +53,15 @@ void ReadProcMounts()
     }
 }
 
+bool has_option(const MountEntry &entry, const std::string &option)
+{
+    return std::find(entry.options.begin(), entry.options.end(), option) != entry.options.end();
+}
+
 static bool may_be_any_users(const MountEntry &entry)
 {
-    return entry.fstype == "fuse" || entry.fstype.starts_with("fuse.");
+    return (entry.fstype == "fuse" || entry.fstype.starts_with("fuse.")) &&
+           !has_option(entry, "user_id=0");
 }
 
 MountEntry *FindMount(const std::string &category, const std::string &value)
@@ -71,11 +77,6 @@ MountEntry *FindMount(const std::string &category, const std::string &value)
             return &entry;
     }
     return nullptr;
-}
-
-bool has_option(const MountEntry &entry, const std::string &option)
-{
-    return std::find(entry.options.begin(), entry.options.end(), option) != entry.options.end();
 }
 
 bool parse_fstab_line(std::string_view line, FstabEntry &entry)

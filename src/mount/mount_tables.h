@@ -41,8 +41,8 @@ extern std::list<std::string> filesystems_nodev_list; // types that need no devi
 void ReadProcMounts();
 
 // First entry whose category ("device" or "mountpoint") equals value exactly, or null. Any other
-// category is one line on stderr and null. A FUSE mount that any user can make and give any name
-// is no device's mount; drivers of block devices show as "fuseblk", which only root can mount.
+// category is one line on stderr and null. The FUSE mount of a user other than root, who can give
+// it any name, is no device's mount.
 MountEntry *FindMount(const std::string &category, const std::string &value);
 
 // Whether an option of the entry is exactly this word: "rw" is not an option of a mount that says

@@ -208,6 +208,11 @@ TEST_F(MountTables, MountsThatAnyUserCanMakeAreNoDevices)
     EXPECT_EQ(FindMount("device", "/dev/sdb1")->mountpoint, "/mnt/sdb1");
     EXPECT_EQ(FindMount("device", "/dev/sdc1"), nullptr);
     EXPECT_NE(FindMount("mountpoint", "/home/guest/z"), nullptr);
+
+    machine.Write("/proc/mounts", "/dev/sdb1 /a fuse.x rw,user_id=10 0 0\n"
+                                  "/dev/sdb1 /b fuse rw,user_id=0,group_id=0 0 0\n");
+    ReadProcMounts();
+    EXPECT_EQ(FindMount("device", "/dev/sdb1")->mountpoint, "/b");
 }
 
 // A category that there is not is a line on stderr and no entry.

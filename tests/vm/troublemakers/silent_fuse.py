@@ -62,9 +62,7 @@ def main():
     fuse = os.open("/dev/fuse", os.O_RDWR | os.O_CLOEXEC)
     options = "fd=%d,rootmode=40000,user_id=0,group_id=0,allow_other" % fuse
     libc = ctypes.CDLL(None, use_errno=True)
-    # A driver of a drive shows as "fuseblk"; anybody's own mount as "fuse", whatever it calls itself.
-    kind = b"fuseblk" if os.path.exists(source) else b"fuse"
-    if libc.mount(source.encode(), mountpoint.encode(), kind, 0, options.encode()):
+    if libc.mount(source.encode(), mountpoint.encode(), b"fuse", 0, options.encode()):
         sys.exit("mount: " + os.strerror(ctypes.get_errno()))
     os.write(1, b"mounted\n")
     os.set_blocking(fuse, False)
