@@ -19,6 +19,11 @@ from rig import VM, host  # noqa: E402
 _times = []
 
 
+def pytest_configure(config):
+    config.addinivalue_line("markers", "long: takes long and shows little that others do not; "
+                                       "run by ./scripts/test --long")
+
+
 @pytest.fixture(scope="session")
 def image():
     """The guest image, built when it is not there, and the daemon to put into it."""

@@ -5,10 +5,12 @@ from rig import Disk
 
 
 @pytest.mark.parametrize("bus, partition, drive, places", [
-    ("virtio", "vda1", "vda", {"vda": "Boot", "vda1": "Boot"}),
+    pytest.param("virtio", "vda1", "vda", {"vda": "Boot", "vda1": "Boot"},
+                 marks=pytest.mark.long),
     ("sata", "sda1", "sda", {"sda": "Boot", "sda1": "Boot"}),
     # The drive's name is cut to three letters, so that only the partition is found again.
-    ("nvme", "nvme0n1p1", "nvm", {"nvme0n1": "", "nvme0n1p1": "Boot"}),
+    pytest.param("nvme", "nvme0n1p1", "nvm", {"nvme0n1": "", "nvme0n1p1": "Boot"},
+                 marks=pytest.mark.long),
 ])
 def test_boot_drive(vm_factory, bus, partition, drive, places):
     """The boot partition is the root's device and the boot drive its first three letters; the

@@ -53,7 +53,7 @@ def mount_good(vm):
     return name
 
 
-@pytest.mark.parametrize("name", ["dead", "stranger"])
+@pytest.mark.parametrize("name", ["dead", pytest.param("stranger", marks=pytest.mark.long)])
 def test_loop_and_housekeeping_go_on(vm, name):
     """Beside a dead mount, of a known device or of a stranger's, the housekeeping does its work on
     the other entries and every client is served at once, also in listings that look at every

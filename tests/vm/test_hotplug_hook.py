@@ -115,7 +115,8 @@ def come_and_go(vm, daemon, bus):
     assert not difference(vm) and "BUG" not in daemon.err()
 
 
-@pytest.mark.parametrize("bus", BUSES)
+@pytest.mark.parametrize("bus", BUSES[:2] + [
+    pytest.param(bus, marks=pytest.mark.long) for bus in BUSES[2:]])
 def test_udev_tells_of_a_drive(fresh, bus):
     """With udevd and the rule, a drive with two partitions gets into the list soon after it was
     plugged, and out of it soon after it was pulled, without any polling."""
@@ -154,7 +155,7 @@ def write_on(vm, part):
                  "conv=fsync; sleep 0.1; done' >/dev/null 2>&1 & echo $!" % part).out.strip()
 
 
-@pytest.mark.parametrize("mode", ["polling", "hotplug"])
+@pytest.mark.parametrize("mode", [pytest.param("polling", marks=pytest.mark.long), "hotplug"])
 def test_drives_all_at_once(fresh, mode):
     """A stick, an NVMe, a SCSI and a SATA drive and a card that come in the same moment, and go in
     the same moment while processes write to all of them: who wrote is driven out, every mount goes

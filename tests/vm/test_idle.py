@@ -25,7 +25,8 @@ def assembled(vm):
 
 
 @pytest.mark.parametrize("mode", ["polling", "hotplug"])
-@pytest.mark.parametrize("known", [False, True], ids=["filesystems unknown", "filesystems known"])
+@pytest.mark.parametrize("known", [False, pytest.param(True, marks=pytest.mark.long)],
+                         ids=["filesystems unknown", "filesystems known"])
 def test_not_one_io_while_idle(assembled, mode, known):
     """Polls, refreshes and rescans do not reach any drive, whether or not a listing has learnt the
     filesystems yet."""

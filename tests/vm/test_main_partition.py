@@ -63,8 +63,10 @@ def is_sound(vm, name):
 
 
 @pytest.mark.parametrize("bus, by, quotas", [
-    ("sata", "signature", 2), ("usb", "label", 2), ("nvme", "signature", 0),
-    ("virtio-scsi", "signature", 0), ("sd", "label", 0)])
+    ("sata", "signature", 2), ("usb", "label", 2),
+    pytest.param("nvme", "signature", 0, marks=pytest.mark.long),
+    pytest.param("virtio-scsi", "signature", 0, marks=pytest.mark.long),
+    pytest.param("sd", "label", 0, marks=pytest.mark.long)])
 def test_from_start_to_end(fresh, bus, by, quotas):
     """Whichever of five drives it is on, the main partition is found by its signature or label and
     linked as /mnt/main; swap and quotas are on; then the start script runs, once. At the end the
@@ -148,7 +150,8 @@ def test_drive_that_arrives_later(fresh, mode):
     assert main.nothing_left(vm) and is_sound(vm, name)
 
 
-@pytest.mark.parametrize("nfsx", [False, True], ids=["", "nfsx"])
+@pytest.mark.parametrize("nfsx", [False, pytest.param(True, marks=pytest.mark.long)],
+                         ids=["", "nfsx"])
 def test_pulled_out_in_use(fresh, nfsx):
     """Pulled out with its swap on and processes on it, the main partition is let go: they are
     driven out, nothing of it stays below /mnt, and the daemon serves on; back in, it is not taken

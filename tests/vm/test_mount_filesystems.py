@@ -92,7 +92,9 @@ def check_unmounts(vm, name):
     assert mounted_as(vm, name) is None and entries_of_mnt(vm) == {}
 
 
-@pytest.mark.parametrize("kind", KINDS, ids=lambda kind: kind.made)
+@pytest.mark.parametrize("kind", [
+    pytest.param(kind, marks=[pytest.mark.long] if kind.made in ("ext2", "ext3") else [])
+    for kind in KINDS], ids=lambda kind: kind.made)
 def test_drive_goes_round(bare, kind):
     """A drive of each kind is mounted by its own driver alone, which is loaded for it, made
     writable, written to, made read-only, unmounted, and found again with what was written; it is
@@ -257,8 +259,9 @@ def test_unclean_volume_is_mounted_read_only(bare):
 
 
 @pytest.mark.parametrize("made, start, drivers", [
-    ("ext4", 4096, ["ext4", "ext3", "ext2"]), ("xfs", 4096, ["xfs"]),
-    ("btrfs", 1 << 20, ["btrfs"])])
+    ("ext4", 4096, ["ext4", "ext3", "ext2"]),
+    pytest.param("xfs", 4096, ["xfs"], marks=pytest.mark.long),
+    pytest.param("btrfs", 1 << 20, ["btrfs"], marks=pytest.mark.long)])
 def test_damaged_volume(fresh, made, start, drivers):
     """A volume whose innards are gone behind a superblock that looks well is tried with its own
     drivers and not mounted, and the daemon goes on."""

@@ -86,6 +86,7 @@ def test_script_without_execute_bits(fresh):
     assert fresh.sh("[ -e /run/rig/ran ]", check=False).rc == 1
 
 
+@pytest.mark.long
 def test_start_script_ends_after_thirty_seconds(fresh):
     """A start script that hangs is ended by its alarm after 30 seconds, while the daemon serves
     its clients."""

@@ -63,7 +63,9 @@ def test_file_without_signature_is_formatted(fresh, kind):
     assert "SWAPSPACE2" in on_partition(vm, name, "tail -c +4087 swap.img | head -c 10")
 
 
-@pytest.mark.parametrize("kind, how", [("ext4", "sparse"), ("xfs", "sparse"), ("btrfs", "copied")])
+@pytest.mark.parametrize("kind, how", [
+    ("ext4", "sparse"), pytest.param("xfs", "sparse", marks=pytest.mark.long),
+    ("btrfs", "copied")])
 def test_file_that_the_kernel_refuses(fresh, kind, how):
     """A file with holes, or one that btrfs copies on writing, is formatted and refused all the
     same: that is said, to the client too, and the daemon goes on."""

@@ -41,7 +41,7 @@ def let_go(vm, pid):
     vm.sh("kill -9 %s; while [ -e /proc/%s ]; do sleep .05; done" % (pid, pid))
 
 
-@pytest.mark.parametrize("mode", ["polling", "hotplug"])
+@pytest.mark.parametrize("mode", [pytest.param("polling", marks=pytest.mark.long), "hotplug"])
 def test_eject_and_retract(fresh, mode):
     """The tray of a drive with a disc and that of an empty one open and close, by the name and by
     the path, for any user; what has moved already stays where it is, to the same reply."""
@@ -148,7 +148,7 @@ def test_drive_that_was_pulled(fresh):
     assert fresh.request("eject " + name) == UNKNOWN
 
 
-@pytest.mark.parametrize("mode", ["polling", "hotplug"])
+@pytest.mark.parametrize("mode", [pytest.param("polling", marks=pytest.mark.long), "hotplug"])
 def test_disc_changed(fresh, mode):
     """After a change of discs the next listing has the new one's label and file system, and
     neither after the disc was taken out."""

@@ -217,10 +217,11 @@ def main():
     agent_children.reaper.start()
     Syslog().start()
     end = time.monotonic() + 30
-    while not os.path.exists(PORT):
-        if time.monotonic() > end:
-            sys.exit("agent: there is no " + PORT)
-        time.sleep(0.005)
+    for path in ("/run/rig/modules-loaded", PORT):
+        while not os.path.exists(path):
+            if time.monotonic() > end:
+                sys.exit("agent: there is no " + path)
+            time.sleep(0.005)
     serve(os.open(PORT, os.O_RDWR))
 
 
