@@ -20,7 +20,7 @@ _times = []
 
 
 def pytest_configure(config):
-    config.addinivalue_line("markers", "long: takes long and shows little that others do not; "
+    config.addinivalue_line("markers", "long: shows little that others do not; "
                                        "run by ./scripts/test --long")
 
 

@@ -6,7 +6,7 @@ import pytest
 
 from rig import Disk, images
 
-pytestmark = pytest.mark.usefixtures("fresh")
+pytestmark = [pytest.mark.usefixtures("fresh"), pytest.mark.long]
 HERE = os.path.dirname(os.path.abspath(__file__))
 
 
@@ -53,7 +53,7 @@ def mount_good(vm):
     return name
 
 
-@pytest.mark.parametrize("name", ["dead", pytest.param("stranger", marks=pytest.mark.long)])
+@pytest.mark.parametrize("name", ["dead", "stranger"])
 def test_loop_and_housekeeping_go_on(vm, name):
     """Beside a dead mount, of a known device or of a stranger's, the housekeeping does its work on
     the other entries and every client is served at once, also in listings that look at every

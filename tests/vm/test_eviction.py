@@ -63,6 +63,7 @@ def test_holders_are_driven_out(mounted, how, lines):
     assert "wait, cannot unmount" not in daemon.err()
 
 
+@pytest.mark.long
 def test_a_program_run_from_the_mount(mounted):
     """A process whose program lies on the mount is driven out too."""
     vm, first, second, whole = mounted
@@ -76,6 +77,7 @@ def test_a_program_run_from_the_mount(mounted):
     assert "/mnt" not in vm.text("/proc/mounts")
 
 
+@pytest.mark.long
 def test_prefix_rule(mounted):
     """Paths are compared as text: who sits in /mnt/sdb10 is driven out with /mnt/sdb1."""
     vm, first, second, whole = mounted
@@ -103,6 +105,7 @@ def test_what_cannot_be_driven_out(mounted):
     vm.sh("umount /srv/inner")
 
 
+@pytest.mark.long
 def test_nfsx_spares_them(mounted):
     """With --nfsx nobody is driven out: a mount in use gets one attempt and stays, one that is
     free is unmounted; the label link goes in any case."""

@@ -266,6 +266,7 @@ def test_events_are_never_held_up(fresh):
     wait_for_agreement(fresh)
 
 
+@pytest.mark.long
 def test_volume_mounted_at_once_stays(fresh):
     """A device-mapper volume that is made and mounted in one breath, and a loop mount beside it,
     stay as they are when their events have been passed on."""

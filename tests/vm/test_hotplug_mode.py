@@ -2,6 +2,8 @@
 import re
 import time
 
+import pytest
+
 from rig import GUEST, Disk, images
 
 PRESENCE_FILES = ("/sbin/hotplug", "/etc/hotplug.d/block/quarryd.hotplug")
@@ -81,6 +83,7 @@ def test_refresh_sees_capacity_arrive(fresh):
     fresh.sh("mdadm -q --stop /dev/md8 2>&1; mdadm -q --zero-superblock /dev/%s /dev/%s" % (a, b))
 
 
+@pytest.mark.long
 def test_refresh_sees_another_disc(fresh, tmp_path):
     """A disc that was changed shows its size after the refresh, its label in the next listing."""
     daemon = fresh.daemon(["--hotplug"])
@@ -112,6 +115,7 @@ def test_refresh_marks_raid_members(fresh):
     fresh.sh("mdadm -q --zero-superblock /dev/%s /dev/%s" % (a, b))
 
 
+@pytest.mark.long
 def test_modes_switched_at_run_time(fresh):
     """"hotplug" stops the polling and "poll" starts it again; both are for root alone."""
     daemon = fresh.daemon()

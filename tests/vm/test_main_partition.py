@@ -180,6 +180,7 @@ def test_pulled_out_in_use(fresh, nfsx):
         assert main.nothing_left(vm)
 
 
+@pytest.mark.long
 def test_odd_things_in_the_signatures_place(fresh):
     """A FIFO, a device, a directory, or a link to a file with the right text is no signature, and
     none holds the daemon up: the partition behind them is found."""
@@ -204,6 +205,7 @@ def test_odd_things_in_the_signatures_place(fresh):
             on_partition(vm, name, "rm -rf .claimsig s; mv kept .claimsig")
 
 
+@pytest.mark.long
 def test_mounted_by_somebody(fresh):
     """A partition that is mounted below /mnt already is examined in place: the right one becomes
     writable and stays protected as it was, another one stays as it is. One that is mounted
@@ -229,6 +231,7 @@ def test_mounted_by_somebody(fresh):
     assert daemon.stop() == 0 and "/srv/elsewhere" not in vm.text("/proc/mounts")
 
 
+@pytest.mark.long
 def test_raid_member_is_never_taken(fresh):
     """Half of a stopped mirror is passed over, although it could be mounted and has the right
     signature and label; the running mirror is taken, and not its half."""

@@ -91,6 +91,7 @@ def test_rude_remount_drives_writers_out(mounted):
     assert vm.request("mount rudero " + name) == "OK already mounted read/only\n"
 
 
+@pytest.mark.long
 def test_mapped_file_is_not_seen(mounted):
     """Who has nothing but a mapped file on the mount is not among those that are looked for: the
     rude unmount fails as the polite one, and succeeds when the process is gone."""
@@ -133,6 +134,7 @@ def test_process_that_cannot_be_killed(fresh):
     assert vm.request("umount " + name) == "OK unmount succeeded\n"
 
 
+@pytest.mark.long
 def test_stick_is_pulled_while_it_is_written_to(fresh):
     """A stick that is pulled while it is mounted and written to is released: its users are ended,
     its mount, folder and link go, and it is mounted again when it comes back."""

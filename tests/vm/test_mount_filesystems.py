@@ -155,6 +155,7 @@ def test_filesystem_nobody_knows_is_tried_with_every_driver(bare):
     check_unmounts(vm, name)
 
 
+@pytest.mark.long
 def test_disk_with_nothing_on_it(fresh):
     """An empty drive is tried with every driver and mounted by none; its folder stays until the
     housekeeping comes by."""
@@ -170,6 +171,7 @@ def test_disk_with_nothing_on_it(fresh):
     assert entries_of_mnt(vm) == {name: ""}
 
 
+@pytest.mark.long
 def test_compact_disc_filesystem_on_a_hard_drive(bare):
     """An ISO 9660 filesystem on a hard drive is mounted read-only and not for writing; its driver
     has to be loaded already."""

@@ -86,6 +86,7 @@ def test_nobody_reads_disks_by_an_ntfs_stick(fresh):
     assert "Cannot protect" not in daemon.err()
 
 
+@pytest.mark.long
 def test_remount_keeps_an_administrators_flags(fresh):
     """A remount changes ro and rw and leaves the other limits of a mount that somebody else made
     as they are; it adds none."""
@@ -137,6 +138,7 @@ def test_acls_apply(fresh):
     assert vm.request("umount " + name) == "OK unmount succeeded\n"
 
 
+@pytest.mark.long
 def test_quotas_elsewhere(fresh):
     """On another filesystem a quota file that is long enough is one line of complaint, and the
     drive is mounted as if it had not been."""
@@ -207,6 +209,7 @@ def test_veto(scripted):
         assert vm.request("mount ro " + name) == MOUNTED
 
 
+@pytest.mark.long
 def test_boot_drive(fresh):
     """The boot partition belongs to root, the drive around it to nobody. For root "off" means
     read-only as well: of the root that is in use nothing comes of it but the attempts, and one
@@ -238,6 +241,7 @@ def test_boot_drive(fresh):
         vm.sh("mount -o remount,rw /")
 
 
+@pytest.mark.long
 def test_schedule_user_and_others(fresh):
     """The user of scheduled jobs may not touch a mount, anybody else may."""
     vm, name = fresh, fresh.node("locked")
@@ -249,6 +253,7 @@ def test_schedule_user_and_others(fresh):
     assert vm.request("umount " + name, uid=GUEST) == "OK unmount succeeded\n"
 
 
+@pytest.mark.long
 def test_write_protected_stick(fresh):
     """A stick that is locked against writing is mounted read-only by who asks for that; asking to
     write fails, at the mount and at a remount, and changes nothing."""

@@ -99,6 +99,7 @@ def test_repartitioned_drive(fresh):
     fresh.unplug("table")
 
 
+@pytest.mark.long
 def test_apple_partition_map(fresh):
     """The partitions of an Apple map carry its names and types; the map's last entry is not looked
     at, so that the last partition carries none."""
@@ -153,6 +154,7 @@ def test_mounted_stick_pulled(fresh):
     assert "wait, cannot unmount" not in err and "BUG" not in err
 
 
+@pytest.mark.long
 def test_mounted_stick_without_partitions_pulled(fresh):
     """A stick without partitions keeps its label from the last listing on: when it is pulled, its
     label link goes with its mount."""
@@ -169,6 +171,7 @@ def test_mounted_stick_without_partitions_pulled(fresh):
     assert device_lines(daemon.err())[-1:] == disappeared(name)
 
 
+@pytest.mark.long
 def test_stick_mounted_elsewhere_pulled(fresh):
     """A stick that somebody mounted outside /mnt is unmounted as well when it is pulled."""
     fresh.plug(Disk("usb", _two_partitions("guest"), id="guest"))

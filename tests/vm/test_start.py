@@ -64,6 +64,7 @@ def test_all_lines_of_a_start(fresh):
                         "Quarryd disk tracker starting" % daemon.pid, line)
 
 
+@pytest.mark.long
 def test_second_instance_refused(fresh):
     """A second daemon of the same program ends with status 1 and one sentence, and leaves the
     first one alone."""
@@ -78,6 +79,7 @@ def test_second_instance_refused(fresh):
     assert first.alive() and fresh.request("list").endswith("OK  eom\n")
 
 
+@pytest.mark.long
 def test_another_program_is_no_instance(fresh):
     """Only the program's own path counts: a copy elsewhere is stopped by the socket it cannot
     bind, and a process that was merely named so does not matter."""
@@ -95,6 +97,7 @@ def test_another_program_is_no_instance(fresh):
 
 
 @pytest.mark.parametrize("pipe", [False, True], ids=["file", "pipe"])
+@pytest.mark.long
 def test_lines_show_when_they_happen(fresh, pipe):
     """In a log file and through a pipe, a line of either stream can be read as soon as it has
     happened, not when a buffer is full."""
@@ -107,6 +110,7 @@ def test_lines_show_when_they_happen(fresh, pipe):
     assert daemon.wait_err("Switching on Polling mode\n", timeout=1, since=mark)
 
 
+@pytest.mark.long
 def test_users_that_are_missing(fresh):
     """Without the users "nobody" and "schedule" the daemon says so and starts all the same; the
     group of "schedule" reads 0 then."""
@@ -117,6 +121,7 @@ def test_users_that_are_missing(fresh):
         "Cannot get credentials for schedule", "user schedule: uid=-1 gid=0"]
 
 
+@pytest.mark.long
 def test_last_mode_option_wins(fresh):
     """Of --hotplug and --polling the last one counts, with any number of dashes."""
     for args, mode in ((["--hotplug", "--polling"], "Polling"),

@@ -39,6 +39,7 @@ def test_signals_end_it_in_order(fresh, name):
         fresh.request("list")
 
 
+@pytest.mark.long
 def test_other_signals_do_not_end_it_in_order(fresh):
     """SIGHUP has its ordinary effect: there is no reload, and no orderly end by it."""
     daemon = fresh.daemon()
@@ -48,6 +49,7 @@ def test_other_signals_do_not_end_it_in_order(fresh):
     assert len(fresh.syslog()) == 1
 
 
+@pytest.mark.long
 def test_signal_while_clients_are_connected(fresh):
     """Connected clients do not hold up the end; they see the connection close."""
     daemon = fresh.daemon()
@@ -72,6 +74,7 @@ def test_start_script(fresh):
     assert fresh.text("/run/rig/ran") == "/run/rig/start 1 -startup\n"
 
 
+@pytest.mark.long
 def test_script_without_execute_bits(fresh):
     """Scripts that are missing, no regular file or not executable are passed over in silence."""
     for path, mode in (("/run/rig/plain", 0o644), ("/run/rig/folder/x", 0o755)):
@@ -102,6 +105,7 @@ def test_start_script_ends_after_thirty_seconds(fresh):
     assert 27 < time.monotonic() - began < 36
 
 
+@pytest.mark.long
 def test_stop_script_ends_after_five_seconds(fresh):
     """A stop script that hangs is waited for, and ended by its alarm after 5 seconds."""
     fresh.put("/run/rig/stop", "#!/bin/bash\nexec sleep 1000\n", 0o755)
@@ -113,6 +117,7 @@ def test_stop_script_ends_after_five_seconds(fresh):
     assert 4.5 < time.monotonic() - began < 12
 
 
+@pytest.mark.long
 def test_restart_while_old_start_script_runs(fresh):
     """After SIGKILL a new daemon finds the socket's name free at once, though the start script of
     the old one is still running: nothing of the daemon's was left open in it."""

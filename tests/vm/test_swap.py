@@ -81,6 +81,7 @@ def test_file_that_the_kernel_refuses(fresh, kind, how):
     assert daemon.stop() == 0 and main.nothing_left(vm)
 
 
+@pytest.mark.long
 def test_small_and_missing_files(fresh):
     """A file of 1,048,575 bytes is set aside under another name, with what it holds, and swap stays
     off; so it does without a file. Neither is an error. One byte more is enough."""
@@ -98,6 +99,7 @@ def test_small_and_missing_files(fresh):
     assert daemon.stop() == 0 and main.nothing_left(vm)
 
 
+@pytest.mark.long
 def test_what_is_no_regular_file_is_never_formatted(fresh):
     """A link in the swap file's place is not followed for formatting: what it leads to stays as it
     is."""
@@ -131,6 +133,7 @@ def test_other_swap_at_the_end(fresh):
     assert main.nothing_left(vm)
 
 
+@pytest.mark.long
 def test_mnt_is_a_link_into_memory(fresh):
     """Where /mnt is a link to /tmpfs/.mnt, all goes the same way: the swap file is known by its
     path there, and it and others beside it on the main partition are switched off at the end."""
@@ -173,6 +176,7 @@ def test_what_was_swapped_out_comes_back(fresh):
     assert vm.wait_until(lambda: vm.text("/run/rig/swapped").splitlines()[1:], 10) == ["right"]
 
 
+@pytest.mark.long
 def test_swap_on_a_dead_xfs(fresh):
     """The kernel opens nothing on an xfs that it could not write to, not even to end swap there:
     that is said, the mount stays, and the daemon serves on and ends in time. (Nothing takes this

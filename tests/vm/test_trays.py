@@ -55,6 +55,7 @@ def test_eject_and_retract(fresh, mode):
     assert fresh.tray("dvd")["inserted"] and daemon.alive()
 
 
+@pytest.mark.long
 def test_devices_without_a_tray(fresh):
     """Whoever is not known, is a partition or is no optical drive is refused, in this order; the
     user of the schedule is refused where there is such a device."""
@@ -90,6 +91,7 @@ def test_mounted_disc_stays_in(fresh):
         assert fresh.request("%s %s" % (request, name)) == DONE[request]
 
 
+@pytest.mark.long
 def test_drive_that_is_held(fresh):
     """Somebody who holds a drive for himself alone keeps the daemon from opening it."""
     name = fresh.node("dvd")
@@ -104,6 +106,7 @@ def test_drive_that_is_held(fresh):
         assert fresh.request("%s %s" % (request, name)) == DONE[request]
 
 
+@pytest.mark.long
 def test_door_that_is_locked(fresh):
     """A locked door stays shut and its disc listed. For this kernel that is no error: it hands on
     the drive's own status, a number above zero, and so the request is answered as if done."""
@@ -122,6 +125,7 @@ def test_door_that_is_locked(fresh):
         assert fresh.request("%s %s" % (request, name)) == DONE[request]
 
 
+@pytest.mark.long
 def test_drive_that_refuses(fresh):
     """A drive that does not obey refuses to open and to close, and is not told to start then."""
     name = fresh.node("dvd")
@@ -134,6 +138,7 @@ def test_drive_that_refuses(fresh):
     assert not fresh.tray("dvd")["open"]
 
 
+@pytest.mark.long
 def test_drive_that_was_pulled(fresh):
     """A drive that is still on record but gone cannot be opened."""
     fresh.plug(Disk("optical-usb", id="portable"))

@@ -52,6 +52,7 @@ def test_every_filesystem_in_the_list(fresh):
     assert (rows[parts[-1]][5], rows[parts[-1]][10]) == ("", " ")          # nothing on it
 
 
+@pytest.mark.long
 def test_one_write(fresh):
     """The whole answer goes out in one write: the daemon reads once."""
     part = fresh.parts("all")[0]
@@ -77,6 +78,7 @@ def test_empty_optical_drive_is_not_waited_for(fresh, id, open_tray):
         fresh.close_tray(id)
 
 
+@pytest.mark.long
 def test_listing_with_empty_trays(fresh):
     """Listings of a machine with three empty optical drives do not wait for them either; neither
     does `enumerate`, which is the one that does probe them."""
@@ -88,6 +90,7 @@ def test_listing_with_empty_trays(fresh):
         assert time.monotonic() - began < 6
 
 
+@pytest.mark.long
 def test_nothing_there(fresh):
     """A node that does not exist is a failure without a word; an empty partition has neither a
     label nor a filesystem."""
