@@ -3,6 +3,8 @@ import pytest
 
 from rig import Disk
 
+pytestmark = pytest.mark.long
+
 
 @pytest.mark.parametrize("bus, partition, drive, places", [
     pytest.param("virtio", "vda1", "vda", {"vda": "Boot", "vda1": "Boot"},

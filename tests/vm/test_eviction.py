@@ -87,6 +87,7 @@ def test_prefix_rule(mounted):
     assert not alive(vm, pid)
 
 
+@pytest.mark.long
 def test_what_cannot_be_driven_out(mounted):
     """A mount that is busy without any process on it is tried twice, two seconds apart, and given
     up; the others are unmounted all the same."""
@@ -124,6 +125,7 @@ def test_nfsx_spares_them(mounted):
     assert "killing" not in daemon.err() and "cannot unmount" not in daemon.err()
 
 
+@pytest.mark.long
 def test_housekeeping_of_mnt(mounted):
     """Empty folders of /mnt that nothing is mounted on go 15 seconds after their last change,
     dangling links at once; folders with content, mounts and files stay."""

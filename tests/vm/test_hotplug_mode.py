@@ -6,6 +6,8 @@ import pytest
 
 from rig import GUEST, Disk, images
 
+pytestmark = pytest.mark.long
+
 PRESENCE_FILES = ("/sbin/hotplug", "/etc/hotplug.d/block/quarryd.hotplug")
 
 

@@ -6,6 +6,8 @@ import pytest
 
 from rig import sample_machine
 
+pytestmark = pytest.mark.long
+
 # The short form is for every run; QUARRYD_IDLE_SECONDS=600 is the long one.
 SECONDS = float(os.environ.get("QUARRYD_IDLE_SECONDS", "20"))
 

@@ -65,6 +65,7 @@ def mounted(fresh):
 # looks just like a label link of the hostile stick's, or like an empty folder left behind.
 @pytest.mark.parametrize("bait", ["ln -s %s /run/x", "mkdir /run/x"])
 @pytest.mark.parametrize("probe", ["volsniffer", "a probe that says anything"])
+@pytest.mark.long
 def test_label_with_slashes_leads_nowhere(mounted, bait, probe):
     """A stick labelled "A/../../run/x" beside one labelled "A" is released without touching
     anything outside /mnt, whatever the probe program makes of the label."""

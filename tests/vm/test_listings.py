@@ -59,12 +59,14 @@ def test_enumerate_groups_by_connection(sample):
     assert sample.request("enumerate") == enumerate_text(rows)
 
 
+@pytest.mark.long
 def test_enumerate_after_list_knows_the_disc(sample):
     """What `list` has learnt of a disc stands in `enumerate` too."""
     sample.request("list")
     assert sample.request("enumerate") == enumerate_text(machine_rows(sample))
 
 
+@pytest.mark.long
 def test_everybody_may_list(sample):
     """A user without rights gets the same listings as root."""
     sample.request("hotplug")              # in this mode what is learnt once is not asked again
@@ -72,6 +74,7 @@ def test_everybody_may_list(sample):
         assert sample.request(request, uid=GUEST, gid=GUEST) == sample.request(request)
 
 
+@pytest.mark.long
 def test_disc_changed(sample, tmp_path):
     """A disc taken out leaves the next listing with its label and filesystem; another one shows
     its own."""
@@ -88,6 +91,7 @@ def test_disc_changed(sample, tmp_path):
     sample.insert("dvd", disc)
 
 
+@pytest.mark.long
 def test_a_mounted_drive_is_listed_as_known(sample):
     """Mounted devices keep their label and filesystem in the listings, and being mounted does not
     keep the probe off: only an open descriptor does."""
@@ -96,6 +100,7 @@ def test_a_mounted_drive_is_listed_as_known(sample):
     assert "\t%s\tPartition\tSATA\tarchive\t" % part in sample.request("list")
 
 
+@pytest.mark.long
 def test_a_drive_in_use_is_not_probed(sample):
     """A whole drive is not probed while any process has a descriptor open on it or on one of its
     partitions; its partitions are probed all the same."""

@@ -127,7 +127,7 @@ def test_end_with_everything_in_use(fresh, nfsx):
         assert main.nothing_left(vm) and is_sound(vm, name)
 
 
-@pytest.mark.parametrize("mode", ["polling", "hotplug"])
+@pytest.mark.parametrize("mode", [pytest.param("polling", marks=pytest.mark.long), "hotplug"])
 def test_drive_that_arrives_later(fresh, mode):
     """Without the main partition the daemon searches on, its start script waits, and clients are
     served; when the drive comes, by polling or by notices, the main partition is taken."""
@@ -282,6 +282,7 @@ class Writer:
         return count
 
 
+@pytest.mark.long
 def test_no_data_lost_when_told_to_stop(fresh):
     """A writer is driven out when the daemon is told to stop; every block that was synced is
     there."""
@@ -296,6 +297,7 @@ def test_no_data_lost_when_told_to_stop(fresh):
     assert writer.kept(name) >= writer.acknowledged() > 50
 
 
+@pytest.mark.long
 def test_no_data_lost_when_the_drive_is_pulled(fresh):
     """A writer whose drive is pulled, here in hotplug mode, is told of it and goes; every block
     that was synced is on the drive, when that is back."""

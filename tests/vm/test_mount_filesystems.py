@@ -245,6 +245,7 @@ def test_ntfs_by_its_program(bare):
     vm.wait_until(lambda: vm.sh("pgrep -x ntfs-3g", check=False).rc == 1, 10)
 
 
+@pytest.mark.long
 def test_unclean_volume_is_mounted_read_only(bare):
     """A volume that its driver does not dare to write to (HFS+, not unmounted cleanly) is mounted
     read-only for who asks to write, who is told."""
@@ -264,6 +265,7 @@ def test_unclean_volume_is_mounted_read_only(bare):
     ("ext4", 4096, ["ext4", "ext3", "ext2"]),
     pytest.param("xfs", 4096, ["xfs"], marks=pytest.mark.long),
     pytest.param("btrfs", 1 << 20, ["btrfs"], marks=pytest.mark.long)])
+@pytest.mark.long
 def test_damaged_volume(fresh, made, start, drivers):
     """A volume whose innards are gone behind a superblock that looks well is tried with its own
     drivers and not mounted, and the daemon goes on."""

@@ -192,6 +192,7 @@ def test_scripts_hear_of_every_mount(scripted):
         assert events() == ["note " + text % name for text in heard]
 
 
+@pytest.mark.long
 def test_veto(scripted):
     """A script that ends with a status, or that cannot be run, forbids the mount; one that a
     signal ends does not. Nothing but a mount can be forbidden."""
@@ -269,6 +270,7 @@ def test_write_protected_stick(fresh):
     assert mounted_as(vm, name) == ("ext4", "ro") and is_protected(vm, name)
 
 
+@pytest.mark.long
 def test_optical_drive(fresh, tmp_path):
     """An optical drive without a disc is refused; a disc is mounted read-only, whatever was asked,
     and cannot be made writable."""
@@ -289,6 +291,7 @@ def test_optical_drive(fresh, tmp_path):
     vm.remove_medium("dvd", close=True)
 
 
+@pytest.mark.long
 def test_drives_in_other_hands(fresh):
     """A member of an array that the daemon has not heard of yet is refused by its superblock, of
     one that it knows, stopped or running, by its list of members, and a drive that a

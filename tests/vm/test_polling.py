@@ -72,6 +72,7 @@ def test_plug_and_unplug(fresh, bus):
     assert "BUG" not in daemon.err()
 
 
+@pytest.mark.long
 def test_drives_noticed_within_two_seconds(fresh):
     """From the kernel's notice to the daemon's line pass at most two seconds."""
     daemon = fresh.daemon()
@@ -84,6 +85,7 @@ def test_drives_noticed_within_two_seconds(fresh):
     daemon.wait_err("Device %s just disappeared" % name, timeout=2, since=mark)
 
 
+@pytest.mark.long
 def test_repartitioned_drive(fresh):
     """A drive that gets another partition table while plugged loses and gains its partitions."""
     name = fresh.plug(Disk("virtio-scsi", _two_partitions("table"), id="table"))
@@ -187,6 +189,7 @@ def test_stick_mounted_elsewhere_pulled(fresh):
                      "the mount point's removal")
 
 
+@pytest.mark.long
 def test_md_array_comes_and_goes(fresh):
     """An md array that is assembled and stopped appears and disappears as a drive, and its
     members are marked."""

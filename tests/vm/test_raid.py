@@ -3,6 +3,8 @@ import pytest
 
 from rig import Disk
 
+pytestmark = pytest.mark.long
+
 DISKS = [Disk("virtio-scsi", 32 << 20, id="a"), Disk("virtio-scsi", 32 << 20, id="b")]
 
 

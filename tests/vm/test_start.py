@@ -25,6 +25,7 @@ Quarryd storage daemon v2.0
     ("--", "Unknown switch \n"),
     ("foo", "Unknown parameter foo\n"), ("help", "Unknown parameter help\n"),
 ], ids=lambda text: text if text.startswith("-") or len(text) < 5 else "")
+@pytest.mark.long
 def test_options_refused(fresh, argument, said):
     """Help and unknown arguments are answered on standard error, with status 1, before anything
     is touched; the hook that was installed with the daemon is mentioned before all else."""
@@ -133,6 +134,7 @@ def test_last_mode_option_wins(fresh):
         assert daemon.stop() == 0
 
 
+@pytest.mark.long
 def test_descriptors_and_environment(fresh):
     """An idle daemon has its three streams, the socket and the system log open, each but the
     streams closed on exec, and nothing grows over listings and polls."""

@@ -113,6 +113,7 @@ def test_what_is_no_regular_file_is_never_formatted(fresh):
     assert daemon.stop() == 0 and main.nothing_left(vm)
 
 
+@pytest.mark.long
 def test_other_swap_at_the_end(fresh):
     """A swap file that is on under another path counts as on; at the end every swap area of the
     machine is off, so that all can be unmounted."""

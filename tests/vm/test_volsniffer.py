@@ -6,6 +6,8 @@ import pytest
 
 from rig import Disk, images
 
+pytestmark = pytest.mark.long
+
 # (made as, label, the daemon's word for it, the label it shows)
 KINDS = [("ext2", "two", "ext2", "two"), ("ext3", "three", "ext3", "three"),
          ("ext4", "With a blank", "ext4", "With a blank"), ("xfs", "xlabel", "xfs", "xlabel"),
