@@ -10,6 +10,7 @@ import pytest
 from machine import kernel
 from machine.clients import wait_until
 from machine.drives import write
+from machine.evictions import ended, forcibly, kills, terminating
 from machine.machine import sleep
 
 
@@ -33,23 +34,6 @@ def pull(machine, daemon, name="sdb"):
     start = time.monotonic()
     machine.pass_of_loop()
     return time.monotonic() - start
-
-
-def ended(process):
-    return process.poll() is not None
-
-
-def kills(machine):
-    """The eviction's lines of the system log."""
-    return [line.removeprefix("quarryd: ") for line in machine.syslog() if "using mount" in line]
-
-
-def terminating(process):
-    return f"{process.pid}: /usr/bin/python3 is using mount points. terminating..."
-
-
-def forcibly(process):
-    return f"{process.pid}: /usr/bin/python3 is still using mount point. forcibly terminating..."
 
 
 @pytest.mark.parametrize(

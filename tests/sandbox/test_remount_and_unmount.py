@@ -13,6 +13,7 @@ import pytest
 from machine import kernel, stand_ins
 from machine.clients import wait_until
 from machine.drives import write
+from machine.evictions import ended, forcibly, kills, terminating
 from machine.kernel import MS_BIND, MS_REMOUNT
 from machine.machine import sleep
 from machine.stand_ins import mount_options
@@ -47,23 +48,6 @@ def timed(machine, request, user="root"):
     start = time.monotonic()
     reply = client.ask(request)
     return reply, time.monotonic() - start
-
-
-def kills(machine):
-    """The eviction's lines of the system log."""
-    return [line.removeprefix("quarryd: ") for line in machine.syslog() if "using mount" in line]
-
-
-def terminating(process):
-    return f"{process.pid}: /usr/bin/python3 is using mount points. terminating..."
-
-
-def forcibly(process):
-    return f"{process.pid}: /usr/bin/python3 is still using mount point. forcibly terminating..."
-
-
-def ended(process):
-    return process.poll() is not None
 
 
 def is_served(machine):
