@@ -19,7 +19,8 @@ def path(name):
     return os.path.join(BUILD, PATHS[name])
 
 
-PACKAGES = ("cmake", "g++", "make", "pkg-config", "libblkid-dev", "strace", "util-linux")
+PACKAGES = ("cmake", "g++", "make", "pkg-config", "libblkid-dev", "libcli11-dev",
+            "nlohmann-json3-dev", "strace", "util-linux")
 
 
 def build():

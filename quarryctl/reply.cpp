@@ -76,6 +76,11 @@ static std::string known_filesystem(std::string_view text)
     return text == " " ? std::string() : std::string(text);
 }
 
+static std::string known_connection(std::string_view text)
+{
+    return text == "Unassigned" ? std::string() : std::string(text);
+}
+
 static int parse_list_row(std::string_view row, Device &device)
 {
     std::vector<std::string_view> fields;
@@ -84,7 +89,7 @@ static int parse_list_row(std::string_view row, Device &device)
         return 0;
     device.name = fields[0];
     device.type = fields[1];
-    device.connection = fields[2];
+    device.connection = known_connection(fields[2]);
     device.label = fields[3];
     device.model = fields[5];
     device.place = fields[6];

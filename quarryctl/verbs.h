@@ -24,9 +24,12 @@ ExitStatus run_list(OutputForm form, double seconds);
 // `enumerate`: the drives by how they are connected.
 ExitStatus run_enumerate(OutputForm form, double seconds);
 
-// `mount` and `remount`: mode is "ro", "rw" or "rudero". The mount point is all that appears on
+// `mount`: mode is "ro", "rw" or "rudero". The mount point is all that appears on
 // stdout.
 ExitStatus run_mount(const std::string &mode, const std::string &device, double seconds);
+
+// The same for what is mounted already; anything else is refused.
+ExitStatus run_remount(const std::string &mode, const std::string &device, double seconds);
 
 // Every other verb: sends the words as one request and prints the reply's text.
 ExitStatus run_request(const std::vector<std::string> &words, double seconds);
