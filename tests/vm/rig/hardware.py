@@ -95,7 +95,8 @@ class Hardware:
         accel = self.accel or host.accelerator()
         kernel_words = ("console=ttyS0 quiet loglevel=4 panic=-1 mitigations=off nokaslr audit=0 "
                         "random.trust_cpu=on usb_storage.delay_use=0 rig.root=%s rig.bus=%s "
-                        "rig.first=%s %s" % (root, self.root_bus, first, self.append))
+                        "rig.first=%s %s %s" % (root, self.root_bus, first, self.append,
+                                                "rig.systemd" if self.systemd else ""))
         inside = lambda name: os.path.join(self.dir, name)  # noqa: E731
         argv = ["qemu-system-x86_64", "-name", "quarry-rig", "-nodefaults", "-no-user-config",
                 "-machine", "q35,usb=off,smbus=off,hpet=off",

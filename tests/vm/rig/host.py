@@ -1,6 +1,7 @@
 """What this machine offers: the cache with the guest image, the staged daemon, the accelerator."""
 import fcntl
 import functools
+import glob
 import io
 import os
 import subprocess
@@ -45,12 +46,13 @@ def image_file(name):
 
 @functools.cache
 def staged_daemon():
-    """A tar archive of the tree that `DESTDIR=folder cmake --install` made; the folder is named
-    by QUARRYD_STAGE. Everything in it belongs to root, as after an installation."""
+    """A tar archive of the tree that `scripts/package folder` (or `DESTDIR=folder cmake --install`)
+    made; the folder is named by QUARRYD_STAGE. Everything in it belongs to root, as after an
+    installation."""
     stage = os.environ.get("QUARRYD_STAGE")
     if not stage:
         raise RigError("QUARRYD_STAGE is not set: it names the folder of the staged installation "
-                       "(DESTDIR=folder cmake --install build/release)")
+                       "(./scripts/package folder)")
     for name in ("usr/sbin/quarryd", "usr/bin/volsniffer"):
         if not os.access(os.path.join(stage, name), os.X_OK):
             raise RigError("QUARRYD_STAGE=%s holds no executable %s" % (stage, name))
@@ -67,6 +69,15 @@ def staged_daemon():
         for name in sorted(os.listdir(stage)):
             tar.add(os.path.join(stage, name), arcname=name, filter=as_root)
     return archive.getvalue()
+
+
+def package():
+    """The path of the Debian package: QUARRYD_PACKAGE, or the one that ./scripts/package made."""
+    made = glob.glob(os.path.join(HERE, "../../../build/package/quarryd_*.deb"))
+    path = os.environ.get("QUARRYD_PACKAGE") or (made or [""])[0]
+    if not os.path.isfile(path):
+        raise RigError("there is no Debian package %s (./scripts/package makes one)" % path)
+    return path
 
 
 @functools.cache

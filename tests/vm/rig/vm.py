@@ -37,15 +37,17 @@ class VM(Hardware, HotPlug, Guest, DaemonControl, FileSystems):
     """disks: what is in the machine when it starts. root_bus: "virtio", "sata" or "nvme".
     append: more words for the kernel. hotplug_ports: how many NVMe and virtio-blk drives can be
     plugged in at once. terminal: give the guest a second console, /dev/hvc0, whose other end is
-    the socket .terminal_path. install: put the daemon into the guest. accel: None = what works."""
+    the socket .terminal_path. install: put the daemon into the guest. systemd: let it be process 1,
+    with the agent as one of its services. accel: None = what works."""
 
     def __init__(self, disks=(), root_bus="virtio", mem=768, append="", smp=2, hotplug_ports=3,
-                 terminal=False, install=True, accel=None, boot_timeout=BOOT_TIMEOUT):
+                 terminal=False, install=True, systemd=False, accel=None,
+                 boot_timeout=BOOT_TIMEOUT):
         if root_bus not in ROOT_DISKS:
             raise ValueError("root_bus is one of " + ", ".join(ROOT_DISKS))
         self.root_bus, self.mem, self.append, self.smp = root_bus, mem, append, smp
         self.hotplug_ports, self.terminal, self.install = hotplug_ports, terminal, install
-        self.accel, self.boot_timeout = accel, boot_timeout
+        self.systemd, self.accel, self.boot_timeout = systemd, accel, boot_timeout
         self._given = list(disks)
         self._init_hardware()
         self.dir = self.process = self.agent = self._qmp = None

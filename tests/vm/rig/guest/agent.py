@@ -1,4 +1,5 @@
-"""Process 1 of the guest: does what the host asks, reaps orphans, keeps the system log.
+"""Process 1 of the guest (a service of systemd's where that is there): does what the host asks, reaps
+orphans, keeps the system log (systemd keeps one of its own).
 
 JSON lines over the virtio-serial port: {"n": number, "op": name, ...} in, {"n": number, ...} out.
 Each request is served by a thread of its own, so answers may come in another order. Only what is
@@ -215,7 +216,8 @@ def main():
     os.makedirs("/run/rig", exist_ok=True)
     signal.signal(signal.SIGPIPE, signal.SIG_IGN)
     agent_children.reaper.start()
-    Syslog().start()
+    if os.getpid() == 1:
+        Syslog().start()
     end = time.monotonic() + 30
     for path in ("/run/rig/modules-loaded", PORT):
         while not os.path.exists(path):
