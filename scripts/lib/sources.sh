@@ -13,7 +13,8 @@ shell_scripts() {
         while IFS= read -r -d '' file; do
             IFS= read -r -n 64 first <"$file" || true
             case "$file:$first" in
-            *.sh:* | *:'#!'*/sh | *:'#!'*/sh\ * | *:'#!'*/bash | *:'#!'*/bash\ * | *:'#!'*\ bash | *:'#!'*/openrc-run)
+            *.sh:* | *.bash:* | *:'#!'*/sh | *:'#!'*/sh\ * | *:'#!'*/bash | *:'#!'*/bash\ * | \
+                *:'#!'*\ bash | *:'#!'*/openrc-run)
                 printf '%s\0' "$file"
                 ;;
             esac
