@@ -1,0 +1,18 @@
+"""The client's manual page knows what its help tells."""
+import os
+import re
+
+from test_completions import help_of
+
+PAGE = os.path.join(os.path.dirname(__file__), "..", "..", "man", "quarryctl.1")
+
+
+def test_the_manual_describes_every_verb_and_option_of_the_client():
+    """A verb or an option that is new, renamed or gone is one that readers are told wrong things of."""
+    with open(PAGE, encoding="utf-8") as file:
+        page = file.read()
+    verbs, options = help_of()
+    for verb in verbs:
+        options |= help_of(verb)[1]
+    assert verbs <= set(re.findall(r"^\.It Cm (\w+)", page, re.MULTILINE))
+    assert options <= {"-" + word.replace("\\", "") for word in re.findall(r"Fl (\\-\w+)", page)}
