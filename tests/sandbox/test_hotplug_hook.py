@@ -11,9 +11,10 @@ import time
 import pytest
 
 from machine import kernel
-from machine.clients import ADDRESS, acting_as, wait_until
+from machine.clients import ADDRESS, wait_until
 from machine.machine import SANITIZER, sleep
 from machine.namespaces import HOTPLUG_HOOK, HOTPLUG_NOTICE
+from machine.stand_in_server import StandIn, everything
 
 LIMIT = 2.0  # seconds that an event may be held up, whatever the daemon does
 GB = 1 << 30
@@ -93,48 +94,6 @@ class Run:
 
 def notice(environment, **keys):
     return Run(environment, **keys).ended()
-
-
-class StandIn:
-    """Somebody who sits on the daemon's socket and does as the case wants."""
-
-    def __init__(self, user=0, backlog=16):
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.socket.bind(ADDRESS)
-        with acting_as(user):  # whom the kernel notes here is whom a client sees
-            self.socket.listen(backlog)
-        self.socket.settimeout(LIMIT)
-
-    def accept(self):
-        connection = self.socket.accept()[0]
-        connection.settimeout(LIMIT)
-        return connection
-
-    def request(self):
-        """(connection, the request that came on it)"""
-        connection = self.accept()
-        text = b""
-        while not text.endswith(b"\n"):
-            piece = connection.recv(4096)
-            assert piece, f"hung up after {text!r}"
-            text += piece
-        return connection, text.decode("utf-8", "surrogateescape")
-
-    def nobody_came(self):
-        self.socket.settimeout(0)
-        try:
-            self.socket.accept()
-            return False
-        except BlockingIOError:
-            return True
-
-
-def everything(connection):
-    """All that comes on a connection until its other end closes."""
-    text = b""
-    while piece := connection.recv(4096):
-        text += piece
-    return text
 
 
 def notices(daemon):

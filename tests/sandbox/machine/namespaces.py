@@ -30,6 +30,7 @@ DAEMON = "/usr/sbin/quarryd"
 ROOM = "/.room"  # single operations of the daemon, built beside it
 HOTPLUG_NOTICE = "/usr/libexec/quarryd/hotplug-notice"
 HOTPLUG_HOOK = "/.quarryd.hotplug"  # as built; where it belongs, it would choose the daemon's mode
+QUARRYCTL = "/usr/bin/quarryctl"
 REAL_PROBE = "/.volsniffer"  # the project's probe program; /usr/bin/volsniffer is made up
 
 
@@ -190,6 +191,7 @@ def _make_root():
         (room, ROOM),
         (notice, HOTPLUG_NOTICE),
         (hook, HOTPLUG_HOOK),
+        (os.environ.get("QUARRYCTL", ""), QUARRYCTL),
     ):
         if os.path.isfile(program):
             _bind_at(root, program, path)
@@ -212,7 +214,7 @@ def _bind_programs(root):
     for folder in ("bin", "sbin", "libexec"):
         os.mkdir(f"{root}/usr/{folder}")
         for name in os.listdir(f"/usr/{folder}"):
-            if name not in ("volsniffer", "quarryd"):
+            if name not in ("volsniffer", "quarryd", "quarryctl"):
                 os.symlink(f"{HOST_USR}/{folder}/{name}", f"{root}/usr/{folder}/{name}")
     for name in os.listdir("/"):
         if name in ("bin", "sbin") or name.startswith("lib"):
