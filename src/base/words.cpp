@@ -1,6 +1,8 @@
 // Cutting texts into pieces.
 #include "base/words.h"
 
+#include <algorithm>
+
 void cut_at(std::string_view text, char separator, std::vector<std::string> &pieces)
 {
     if (text.empty())
@@ -27,6 +29,13 @@ void skip_run(std::string_view &rest, char separator)
 {
     size_t start = rest.find_first_not_of(separator);
     rest.remove_prefix(start == std::string_view::npos ? rest.size() : start);
+}
+
+void mask_controls(std::string &text, size_t start)
+{
+    std::replace_if(
+        text.begin() + static_cast<ptrdiff_t>(start), text.end(),
+        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '_');
 }
 
 std::string strip_dev(const std::string &word)

@@ -8,6 +8,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "base/words.h"
+
 static const uint64_t sector_size = 512;
 
 // The kernel numbers at most 255 partitions on a drive. A map that claims many times that is
@@ -59,15 +61,12 @@ static uint64_t big_endian_word(const unsigned char *bytes)
            static_cast<uint64_t>(bytes[2]) << 8 | static_cast<uint64_t>(bytes[3]);
 }
 
-// A field of 32 bytes, padded with NULs. A control character, which no system writes into a map,
-// becomes "_": the text ends up in listings whose rows and columns are lines and tabs.
+// A field of 32 bytes, padded with NULs. No system writes control characters into a map.
 static std::string padded_text(const unsigned char *field)
 {
     const char *text = reinterpret_cast<const char *>(field);
     std::string result(text, strnlen(text, 32));
-    std::replace_if(
-        result.begin(), result.end(),
-        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '_');
+    mask_controls(result);
     return result;
 }
 
