@@ -136,3 +136,20 @@ def capacity_text(size):
         if value > 999:
             value, rest, unit = value // 1000, value % 1000, larger
     return "%d" % value if rest is None else "%d.%03d%s" % (value, rest, unit)
+
+
+def difference(vm):
+    """What either the list or /sys/block names alone, less loop and memory disks."""
+    listed = set(re.findall(r"^OK- \t+([^\t]+)\t", vm.request("list"), re.M))
+    rows = [r for r in vm.call("blocks")["blocks"] if not re.match("loop|ram", r["name"])]
+    return listed ^ set([r["name"] for r in rows] + sum((r["parts"] for r in rows), []))
+
+
+# Seconds after which the daemon must have noticed what came or went. Mostly it takes one, but the
+# guest's processors are emulated, and shared. Without notices or polling it would take a minute.
+SOON = 10
+
+
+def wait_for_agreement(vm):
+    """Waits until the list agrees with /sys/block; the rescan of every minute comes too late."""
+    vm.wait_until(lambda: not difference(vm), SOON, lambda: "agreement on %s" % difference(vm))

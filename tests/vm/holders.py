@@ -8,10 +8,8 @@ def hold(vm, how, folder):
     """Starts a process that holds the folder; returns its pid when it does."""
     vm.put("/run/rig/holder.py", open(os.path.join(HERE, "troublemakers", "holder.py")).read())
     log = "/run/rig/holder-" + how
-    pid = vm.sh("rm -f %s; python3 -I -S /run/rig/holder.py %s %s >%s 2>&1 & echo $!"
-                % (log, how, folder, log)).out.strip()
-    vm.wait_until(lambda: "holding" in vm.sh("cat " + log, check=False).out, 10,
-                  lambda: "the holder: " + vm.text(log))
+    pid = vm.background("exec python3 -I -S /run/rig/holder.py %s %s" % (how, folder), log)
+    vm.wait_until(lambda: "holding" in vm.text(log), 10, lambda: "the holder: " + vm.text(log))
     if how == "stopped":
         vm.wait_until(lambda: "\nState:\tT" in vm.text("/proc/%s/status" % pid), 5)
     return pid

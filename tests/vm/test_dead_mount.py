@@ -25,16 +25,12 @@ class DeadMount:
         vm.put("/run/rig/silent_fuse.py",
                open(os.path.join(HERE, "troublemakers", "silent_fuse.py")).read())
         vm.sh("modprobe fuse; [ -e /dev/fuse ] || mknod /dev/fuse c 10 229; mkdir /mnt/" + name)
-        self.server = vm.sh("rm -f /run/rig/fuse.log; python3 /run/rig/silent_fuse.py /dev/%s "
-                            "/mnt/%s %s >/run/rig/fuse.log 2>&1 & echo $!"
-                            % (name, name, flush)).out.strip()
+        self.server = vm.background("exec python3 /run/rig/silent_fuse.py /dev/%s /mnt/%s %s"
+                                    % (name, name, flush), "/run/rig/fuse.log")
         self._wait_for("mounted")
         vm.sh("cat /mnt/%s/file >/dev/null" % name)       # the kernel learns if closes are told
-        self.folder_holder = vm.sh("cd /mnt/%s && exec sleep 1000 & echo $!" % name).out.strip()
-        self.file_holder = vm.sh("exec sleep 1000 9</mnt/%s/file & echo $!" % name).out.strip()
-        for pid, link in ((self.folder_holder, "cwd"), (self.file_holder, "fd/9")):
-            vm.wait_until(lambda: vm.sh("readlink /proc/%s/%s" % (pid, link),
-                                        check=False).out.startswith("/mnt/" + name), 5)
+        self.folder_holder = vm.background("cd /mnt/%s && exec sleep 1000" % name)
+        self.file_holder = vm.background("exec sleep 1000 9</mnt/%s/file" % name)
         vm.sh("ln -s %s /mnt/^DEAD" % name)
         vm.sh("kill -USR1 " + self.server)
         self._wait_for("silent")
@@ -43,7 +39,7 @@ class DeadMount:
 
     def _wait_for(self, word):
         self.vm.wait_until(
-            lambda: word in self.vm.sh("cat /run/rig/fuse.log", check=False).out, 10,
+            lambda: word in self.vm.text("/run/rig/fuse.log"), 10,
             lambda: "%s: %s" % (word, self.vm.text("/run/rig/fuse.log")))
 
 
@@ -82,7 +78,7 @@ def test_eviction_of_others_goes_on(vm):
     out at once, its holders stay, and the end comes in time."""
     good = mount_good(vm)
     dead = DeadMount(vm, "stranger")
-    holder = vm.sh("exec sleep 1000 9>/mnt/%s/file & echo $!" % good).out.strip()
+    holder = vm.background("exec sleep 1000 9>/mnt/%s/file" % good)
     daemon = vm.daemon()
     vm.request("list")
     began = time.monotonic()

@@ -51,7 +51,7 @@ def test_holders_are_driven_out(mounted, how, lines):
     one that ignores it or is stopped gets SIGKILL a second later, and each step is logged."""
     vm, first, second, whole = mounted
     pid = hold(vm, how, "/mnt/" + second)
-    bystander = vm.sh("cd /tmp; sleep 1000 & echo $!").out.strip()
+    bystander = vm.background("cd /tmp; exec sleep 1000")
     daemon = vm.daemon()
     began = time.monotonic()
     assert daemon.stop() == 0
@@ -68,8 +68,7 @@ def test_a_program_run_from_the_mount(mounted):
     """A process whose program lies on the mount is driven out too."""
     vm, first, second, whole = mounted
     vm.sh("cp /bin/sleep /mnt/%s/napper" % whole)
-    pid = vm.sh("/mnt/%s/napper 1000 & echo $!" % whole).out.strip()
-    vm.wait_until(lambda: "napper" in vm.sh("readlink /proc/%s/exe" % pid, check=False).out, 5)
+    pid = vm.background("exec /mnt/%s/napper 1000" % whole)
     assert vm.daemon().stop() == 0
     assert not alive(vm, pid)
     assert said_of(vm, pid) == ["%s: /mnt/%s/napper is using mount points. terminating..."

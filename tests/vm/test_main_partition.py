@@ -46,7 +46,7 @@ def sysfs_path(vm, name):
 
 def hold(vm, name):
     """Starts a process with an open file and its working directory on the main partition."""
-    return vm.sh("cd /mnt/%s; exec sleep 1000 9>held & echo $!" % name).out.strip()
+    return vm.background("cd /mnt/%s && exec sleep 1000 9>held" % name)
 
 
 def alive(vm, pid):
@@ -110,9 +110,7 @@ def test_end_with_everything_in_use(fresh, nfsx):
     main.wait_for_start(vm)
     daemon.wait_err(" died\n")
     left = vm.text("/run/rig/left").strip()
-    stubborn = vm.sh("(trap '' TERM; cd /mnt/%s; exec sleep 1000) & echo $!" % name).out.strip()
-    vm.wait_until(lambda: vm.sh("readlink /proc/%s/cwd" % stubborn, check=False).out.strip()
-                  == "/mnt/" + name, 5)
+    stubborn = vm.background("trap '' TERM; cd /mnt/%s && exec sleep 1000" % name)
     began = time.monotonic()
     assert daemon.stop(40) == 0
     took = time.monotonic() - began

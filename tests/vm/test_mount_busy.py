@@ -29,9 +29,7 @@ def mounted(fresh):
 
 def run_from(vm, folder):
     """A program that lies in the folder, running; its pid."""
-    pid = vm.sh("cp /bin/sleep %s/napper; %s/napper 1000 & echo $!" % (folder, folder)).out.strip()
-    vm.wait_until(lambda: "napper" in vm.sh("readlink /proc/%s/exe" % pid, check=False).out, 5)
-    return pid
+    return vm.background("cp /bin/sleep %s/napper; exec %s/napper 1000" % (folder, folder))
 
 
 def test_polite_requests_change_nothing(mounted):
@@ -59,7 +57,7 @@ def test_rude_unmount_drives_everybody_out(mounted):
     the mount, the stubborn and the stopped by force a second later, and nobody else."""
     vm, daemon, name = mounted
     folder = "/mnt/" + name
-    bystander = vm.sh("cd /tmp; exec sleep 1000 9>/mnt/elsewhere & echo $!").out.strip()
+    bystander = vm.background("cd /tmp; exec sleep 1000 9>/mnt/elsewhere")
     pids = {how: hold(vm, how, folder) for how in ("cwd", "root", "writer", "stubborn", "stopped")}
     program = run_from(vm, folder)
     began = time.monotonic()
@@ -116,7 +114,7 @@ def test_process_that_cannot_be_killed(fresh):
     assert vm.request("mount rw " + name) == MOUNTED
     vm.sh("head -c 1M /dev/zero >/mnt/%s/file; sync; dmsetup suspend --noflush --nolockfs slow"
           % name)
-    pid = vm.sh("dd if=/mnt/%s/file of=/dev/null bs=4k iflag=direct & echo $!" % name).out.strip()
+    pid = vm.background("exec dd if=/mnt/%s/file of=/dev/null bs=4k iflag=direct" % name)
     vm.wait_until(lambda: "\nState:\tD" in vm.text("/proc/%s/status" % pid), 5)
     began = time.monotonic()
     reply, lines = reply_to(vm, daemon, "mount rudeoff " + name)

@@ -224,7 +224,7 @@ def test_boot_drive(fresh):
             assert vm.request("mount %s %s" % (mode, boot[:3]), uid=uid) == (
                 "ERR please operate on boot partition, not the surrounding boot drive\n")
     assert vm.request("mount rw " + boot) == "OK already mounted read/write\n"
-    writer = vm.sh("exec sleep 1000 9>>/root/open & echo $!").out.strip()
+    writer = vm.background("exec sleep 1000 9>>/root/open")
     reply, lines = reply_to(vm, daemon, "umount " + boot)
     assert reply == "ERR unmount failed\n"
     assert lines == ["wait: umount failed. Device or resource busy",

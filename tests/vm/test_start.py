@@ -84,8 +84,8 @@ def test_second_instance_refused(fresh):
 def test_another_program_is_no_instance(fresh):
     """Only the program's own path counts: a copy elsewhere is stopped by the socket it cannot
     bind, and a process that was merely named so does not matter."""
-    fresh.sh("cp /bin/sleep /run/rig/quarryd; (exec -a /usr/sbin/quarryd /run/rig/quarryd 1000) "
-             ">/dev/null 2>&1 &")
+    fresh.background("cp /bin/sleep /run/rig/quarryd; "
+                     "exec -a /usr/sbin/quarryd /run/rig/quarryd 1000")
     first = fresh.daemon()
     fresh.sh("cp /usr/sbin/quarryd /usr/local/sbin/quarryd")
     other = fresh.sh("/usr/local/sbin/quarryd", check=False)

@@ -168,7 +168,7 @@ def test_what_was_swapped_out_comes_back(fresh):
     daemon = started(vm)
     with open(os.path.join(HERE, "troublemakers", "swapped_out.py")) as f:
         vm.put("/run/rig/swapped_out.py", f.read())
-    pid = vm.sh("python3 /run/rig/swapped_out.py 4 >/run/rig/swapped 2>&1 & echo $!").out.strip()
+    pid = vm.background("exec python3 /run/rig/swapped_out.py 4", "/run/rig/swapped")
     vm.wait_until(lambda: vm.text("/run/rig/swapped") == "swapped\n", 30,
                   lambda: vm.text("/run/rig/swapped"))
     assert daemon.stop() == 0 and main.nothing_left(vm)

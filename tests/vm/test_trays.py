@@ -31,9 +31,8 @@ def row(vm, name):
 def hold(vm, name):
     """A process that holds a drive; returns its pid."""
     vm.put("/run/rig/hold.py", HOLD)
-    pid = vm.sh("rm -f /run/rig/held; python3 /run/rig/hold.py /dev/%s "
-                ">/run/rig/held 2>&1 & echo $!" % name).out.strip()
-    vm.wait_until(lambda: vm.sh("cat /run/rig/held", check=False).out == "held\n", 10)
+    pid = vm.background("exec python3 /run/rig/hold.py /dev/" + name, "/run/rig/held")
+    vm.wait_until(lambda: vm.text("/run/rig/held") == "held\n", 10)
     return pid
 
 

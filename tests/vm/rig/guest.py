@@ -1,5 +1,6 @@
 """What the host does inside the guest: commands, files, the system log, tidying up."""
 import base64
+import shlex
 import time
 
 from .errors import CommandError, RigError
@@ -46,6 +47,16 @@ class Guest:
             raise CommandError("in the guest, status %s: %s\n%s%s"
                                % (result.rc, cmd, result.out, result.err))
         return result
+
+    def background(self, cmd, output="/dev/null"):
+        """Starts `bash -c cmd`, which ends with a program that stays, in the guest; returns its
+        pid, as text, when it has become that program: what the command opens and where it goes to
+        is done then. output: the file for what it prints, which is there at once; reset() ends
+        the program."""
+        return self.sh(
+            ": >%s; bash -c %s >>%s 2>&1 & pid=$!\n"
+            "while [ \"$(cat /proc/$pid/comm)\" = bash ]; do sleep 0.02; done\n"
+            "[ -e /proc/$pid ] && echo $pid" % (output, shlex.quote(cmd), output)).out.strip()
 
     def put(self, path, data, mode=0o644):
         """Makes a file in the guest (its folders too), replacing one that is there."""
