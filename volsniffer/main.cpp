@@ -7,14 +7,15 @@
 #include <unistd.h>
 
 #include "output.h"
-#include "probe.h"
+#include "reader.h"
 
 static const char usage[] = "Usage: volsniffer DEVICE [--fs]\n"
                             "Prints the label of the filesystem on DEVICE, a block device or an "
                             "image file; with --fs also\n"
                             "what is known of the filesystem, one \"key: value\" a line.\n"
                             "Exit status: 0 looked at, 2 usage, 3 cannot be read, 4 no medium, 5 "
-                            "ambiguous, 6 RAID member.\n";
+                            "ambiguous, 6 RAID member,\n"
+                            "7 no answer within five seconds.\n";
 
 int main(int argc, char **argv)
 {
@@ -27,10 +28,14 @@ int main(int argc, char **argv)
         fputs(usage, stderr);
         return PROBE_MISUSED;
     }
-    VolumeFacts facts;
-    const ProbeStatus status = probe_volume(argv[1], facts);
-    if (status != PROBE_ANSWERED)
-        return status;
-    return write_answer(STDOUT_FILENO, answer_text(facts, !with_facts)) ? PROBE_ANSWERED
-                                                                        : PROBE_UNREADABLE;
+    ProbeResult result = {};
+    read_volume(argv[1], result);
+    if (result.status != PROBE_ANSWERED) {
+        fprintf(stderr, "Cannot %s %s: %s\n", result.attempt, argv[1], result.reason);
+        _exit(result.status);
+    }
+    char answer[longest_answer];
+    const size_t length = answer_text(result.facts, !with_facts, answer);
+    _exit(write_answer(STDOUT_FILENO, std::string_view(answer, length)) ? PROBE_ANSWERED
+                                                                        : PROBE_UNREADABLE);
 }

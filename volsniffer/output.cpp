@@ -6,10 +6,6 @@
 
 #include <unistd.h>
 
-// No label that a filesystem can hold comes near: HFS+ has the longest, 255 UTF-16 units.
-static constexpr size_t longest_label = 1024;
-static constexpr size_t longest_value = 255;
-
 // What libblkid calls differently from the daemon. "hfsx" is HFS+ with case-sensitive names.
 static const struct {
     const char *blkid;
@@ -21,10 +17,10 @@ static const struct {
     {"hfsx", "hfs+"},
 };
 
-std::string daemon_filesystem_name(const std::string &blkid_name)
+const char *daemon_filesystem_name(const char *blkid_name)
 {
     for (const auto &renamed : renamed_filesystems)
-        if (blkid_name == renamed.blkid)
+        if (strcmp(blkid_name, renamed.blkid) == 0)
             return renamed.daemon;
     return blkid_name;
 }
@@ -74,53 +70,57 @@ static bool is_harmful(unsigned code)
            || (code >= 0x2066 && code <= 0x2069);                       // isolates
 }
 
-std::string harmless_text(const std::string &text, size_t limit)
+size_t harmless_text(std::string_view text, char *harmless, size_t limit)
 {
-    std::string harmless;
+    size_t kept = 0;
     for (size_t at = 0; at < text.size();) {
         unsigned code = 0;
         const size_t size = decode_utf8(text.data() + at, text.size() - at, code);
         const bool keep = size > 0 && !is_harmful(code);
-        if (harmless.size() + (keep ? size : 1) > limit)
+        if (kept + (keep ? size : 1) > limit)
             break;
-        if (keep)
-            harmless.append(text, at, size);
-        else
-            harmless += '_';
+        if (keep) {
+            memcpy(harmless + kept, text.data() + at, size);
+            kept += size;
+        } else {
+            harmless[kept++] = '_';
+        }
         at += size > 0 ? size : 1;
     }
-    return harmless;
+    return kept;
 }
 
-std::string answer_text(const VolumeFacts &facts, bool label_only)
+size_t answer_text(const VolumeFacts &facts, bool label_only, char (&answer)[longest_answer])
 {
-    std::string answer = harmless_text(facts.label, longest_label) + "\n";
+    size_t length = harmless_text(facts.label, answer, longest_label);
+    answer[length++] = '\n';
     if (label_only)
-        return answer;
+        return length;
     const struct {
-        const char *key;
-        std::string value;
+        std::string_view key;
+        const char *value;
     } lines[] = {
-        {"filesystem", daemon_filesystem_name(facts.filesystem)},
-        {"uuid", facts.uuid},
-        {"version", facts.version},
-        {"usage", facts.usage},
+        {"  filesystem: ", daemon_filesystem_name(facts.filesystem)},
+        {"  uuid: ", facts.uuid},
+        {"  version: ", facts.version},
+        {"  usage: ", facts.usage},
     };
     static_assert(longest_label + 1 + 4 * (sizeof("  filesystem: \n") + longest_value) <=
                   longest_answer);
-    for (const auto &line : lines)
-        if (!line.value.empty())
-            answer += std::string("  ") + line.key + ": " +
-                      harmless_text(line.value, longest_value) + "\n";
-    return answer;
+    for (const auto &line : lines) {
+        if (line.value[0] == '\0')
+            continue;
+        memcpy(answer + length, line.key.data(), line.key.size());
+        length += line.key.size();
+        length += harmless_text(line.value, answer + length, longest_value);
+        answer[length++] = '\n';
+    }
+    return length;
 }
 
-int write_answer(int fd, const std::string &answer)
+int write_answer(int fd, std::string_view answer)
 {
-    ssize_t written = -1;
-    do
-        written = write(fd, answer.data(), answer.size());
-    while (written < 0 && errno == EINTR);
+    const ssize_t written = write(fd, answer.data(), answer.size());
     if (written < 0)
         fprintf(stderr, "Cannot write the answer: %s\n", strerror(errno));
     else if (static_cast<size_t>(written) != answer.size())

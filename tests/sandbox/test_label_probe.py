@@ -298,3 +298,103 @@ def test_own_probe_program_names_what_is_on_a_device(machine):
     assert label_and_filesystem(machine, "sdb") == ("", " ")
     assert label_and_filesystem(machine, "sdd") == ("", "ext2")
     assert "\t\tsdc1\tPartition\tUSB\tMy Disk\t33554432\t\t\t\text4\n" in machine.ask("list")
+
+
+DYING = "/root/dying"
+
+
+def dying_drive(machine):
+    """A folder with files that are like drives which break at some moment."""
+    machine.real_mounts()
+    os.mkdir(DYING)
+    return machine.troublemaker("mute_server", "drive", DYING)
+
+
+def status_of(pid):
+    with open(f"{REAL_PROC}/{pid}/status") as file:
+        return dict(line.rstrip("\n").split(":\t", 1) for line in file if ":\t" in line)
+
+
+def reader_of(process):
+    """The child of the probe program, once there is one."""
+    path = f"{REAL_PROC}/{process.pid}/task/{process.pid}/children"
+
+    def children():
+        with open(path) as file:
+            return file.read().split()
+
+    wait_until(children, what="the reader")
+    return children()[0]
+
+
+def run_on(name):
+    return subprocess.Popen(
+        [REAL_PROBE, f"{DYING}/{name}", "--fs"],
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        text=True,
+    )
+
+
+def test_own_probe_program_gives_up_on_a_dying_drive(machine):
+    """Wherever the drive stops answering, five seconds are all that it costs: whoever reads the
+    answer is told that none comes, although the process in the read cannot be killed."""
+    server = dying_drive(machine)
+    began = time.monotonic()
+    moments = ("lookup", "open", "read", "close")
+    probes = {moment: run_on(f"dies-at-{moment}") for moment in moments}
+    readers = {moment: reader_of(probe) for moment, probe in probes.items()}
+    for moment, probe in probes.items():
+        assert probe.communicate(timeout=8) == (
+            "", f"Cannot read {DYING}/dies-at-{moment}: no answer within five seconds\n")
+        assert (moment, probe.returncode) == (moment, 7)
+        assert 4.9 < time.monotonic() - began < 6
+    for moment, pid in readers.items():
+        assert (moment, status_of(pid)["State"]) == (moment, "D (disk sleep)")
+        for number in os.listdir(f"{REAL_PROC}/{pid}/fd"):
+            assert os.readlink(f"{REAL_PROC}/{pid}/fd/{number}").startswith(DYING)
+    server.kill()
+    for pid in readers.values():
+        wait_until(lambda pid=pid: not os.path.exists(f"{REAL_PROC}/{pid}/exe"), what="their end")
+
+
+def test_own_probe_program_reads_without_rights(machine):
+    """Whoever looks at what strangers wrote is nobody, with no right, no group, and no way to open
+    anything or to become somebody; and so is the process that shares its memory."""
+    dying_drive(machine)
+    os.setgroups([5, 6])
+    probe = run_on("dies-at-read")
+    reader = reader_of(probe)
+    wait_until(lambda: status_of(reader)["State"].startswith("D"), what="the read")
+    for pid in (reader, probe.pid):
+        status = status_of(pid)
+        assert status["Uid"].split() == status["Gid"].split() == ["65534"] * 4
+        assert status["Groups"].split() == []
+        for kind in ("Inh", "Prm", "Eff", "Amb"):
+            assert int(status[f"Cap{kind}"], 16) == 0
+        assert status["NoNewPrivs"] == "1"
+        with open(f"{REAL_PROC}/{pid}/limits") as file:
+            limits = {line[:25].rstrip(): line[25:].split()[:2] for line in file}
+        assert limits["Max open files"] == limits["Max processes"] == ["0", "0"]
+    assert [os.readlink(f"{REAL_PROC}/{reader}/fd/{number}")
+            for number in os.listdir(f"{REAL_PROC}/{reader}/fd")] == [f"{DYING}/dies-at-read"]
+    probe.kill()
+    probe.communicate()
+
+
+def test_a_dying_drive_costs_a_listing_five_seconds(machine):
+    """The daemon learns nothing of it, does not ask again, and serves on; no process is its own."""
+    drive(machine)
+    server = dying_drive(machine)
+    machine.probe_runs("sdb", f"exec {REAL_PROBE} {DYING}/dies-at-read --fs\n")
+    daemon = machine.start()
+    began = time.monotonic()
+    assert label_and_filesystem(machine) == ("", " ")
+    assert 4.9 < time.monotonic() - began < 7
+    assert daemon.stderr_lines()[-1] == "volsniffer failed for /dev/sdb, return value 7"
+    assert daemon.children() == []
+    began = time.monotonic()
+    assert label_and_filesystem(machine) == ("", " ")
+    assert time.monotonic() - began < 2
+    server.kill()

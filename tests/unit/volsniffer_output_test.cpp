@@ -8,6 +8,21 @@
 
 #include "volsniffer/output.h"
 
+static std::string harmless(const std::string &text, size_t limit)
+{
+    std::string buffer(limit + 1, '#');
+    const size_t length = harmless_text(text, buffer.data(), limit);
+    EXPECT_LE(length, limit);
+    EXPECT_EQ(buffer[limit], '#');
+    return buffer.substr(0, length);
+}
+
+static std::string answer_for(const VolumeFacts &facts, bool label_only)
+{
+    char answer[longest_answer];
+    return {answer, answer_text(facts, label_only, answer)};
+}
+
 // The mount command chooses its drivers by these names; any other filesystem keeps its own.
 TEST(DaemonFilesystemName, SpeaksTheDaemonsVocabulary)
 {
@@ -36,7 +51,7 @@ TEST(DaemonFilesystemName, SpeaksTheDaemonsVocabulary)
         {"", ""},
     };
     for (const auto &c : cases)
-        EXPECT_EQ(daemon_filesystem_name(c.blkid), c.daemon) << c.blkid;
+        EXPECT_STREQ(daemon_filesystem_name(c.blkid), c.daemon) << c.blkid;
 }
 
 // An ordinary label of any script passes untouched, blanks at its ends too.
@@ -59,7 +74,7 @@ TEST(HarmlessText, LeavesOrdinaryLabelsAlone)
         "x\x7E",
     };
     for (const char *label : labels)
-        EXPECT_EQ(harmless_text(label, 1000), label);
+        EXPECT_EQ(harmless(label, 1000), label);
 }
 
 // What could leave /mnt, break a line or a column, or command a terminal becomes "_".
@@ -90,7 +105,7 @@ TEST(HarmlessText, ReplacesWhatIsHarmful)
          "_x_"}, // isolate and its end
     };
     for (const auto &c : cases)
-        EXPECT_EQ(harmless_text(c.text, 1000), c.harmless) << c.harmless;
+        EXPECT_EQ(harmless(c.text, 1000), c.harmless) << c.harmless;
 }
 
 // A byte that is no UTF-8 is replaced on its own; what follows is read afresh.
@@ -119,23 +134,23 @@ TEST(HarmlessText, ReplacesEachByteThatIsNoUtf8)
         {"\xFE\xFF", "__"},
     };
     for (const auto &c : cases)
-        EXPECT_EQ(harmless_text(c.text, 1000), c.harmless) << c.harmless;
+        EXPECT_EQ(harmless(c.text, 1000), c.harmless) << c.harmless;
 }
 
 // A NUL inside would end the daemon's text there.
 TEST(HarmlessText, ReplacesNul)
 {
-    EXPECT_EQ(harmless_text(std::string("a\0b", 3), 10), "a_b");
+    EXPECT_EQ(harmless(std::string("a\0b", 3), 10), "a_b");
 }
 
 // A text is cut between characters, never inside one.
 TEST(HarmlessText, CutsAtWholeCharacters)
 {
-    EXPECT_EQ(harmless_text("abcdef", 6), "abcdef");
-    EXPECT_EQ(harmless_text("abcdef", 5), "abcde");
-    EXPECT_EQ(harmless_text("ab\xE2\x82\xAC", 5), "ab\xE2\x82\xAC");
-    EXPECT_EQ(harmless_text("ab\xE2\x82\xAC", 4), "ab");
-    EXPECT_EQ(harmless_text("abc", 0), "");
+    EXPECT_EQ(harmless("abcdef", 6), "abcdef");
+    EXPECT_EQ(harmless("abcdef", 5), "abcde");
+    EXPECT_EQ(harmless("ab\xE2\x82\xAC", 5), "ab\xE2\x82\xAC");
+    EXPECT_EQ(harmless("ab\xE2\x82\xAC", 4), "ab");
+    EXPECT_EQ(harmless("abc", 0), "");
 }
 
 // The label stands alone in the first line, and each fact has a line of its own, the filesystem
@@ -143,36 +158,71 @@ TEST(HarmlessText, CutsAtWholeCharacters)
 TEST(AnswerText, PutsTheLabelFirstAndAFactALine)
 {
     const VolumeFacts facts = {"DATA", "vfat", "1234-ABCD", "FAT32", "filesystem"};
-    EXPECT_EQ(answer_text(facts, false), "DATA\n"
-                                         "  filesystem: fat\n"
-                                         "  uuid: 1234-ABCD\n"
-                                         "  version: FAT32\n"
-                                         "  usage: filesystem\n");
-    EXPECT_EQ(answer_text(facts, true), "DATA\n");
+    EXPECT_EQ(answer_for(facts, false), "DATA\n"
+                                        "  filesystem: fat\n"
+                                        "  uuid: 1234-ABCD\n"
+                                        "  version: FAT32\n"
+                                        "  usage: filesystem\n");
+    EXPECT_EQ(answer_for(facts, true), "DATA\n");
 }
 
 // What is not known has no line; a blank device has an empty label and nothing more.
 TEST(AnswerText, LeavesOutWhatIsNotKnown)
 {
-    EXPECT_EQ(answer_text({"", "ntfs", "", "", ""}, false), "\n  filesystem: ntfs\n");
-    EXPECT_EQ(answer_text(VolumeFacts(), false), "\n");
+    EXPECT_EQ(answer_for({"", "ntfs", "", "", ""}, false), "\n  filesystem: ntfs\n");
+    EXPECT_EQ(answer_for(VolumeFacts(), false), "\n");
 }
 
 // No label can pass for a line of facts, nor can a value.
 TEST(AnswerText, KeepsHostileFactsInTheirLine)
 {
     const VolumeFacts facts = {"A\n  filesystem: swap", "ext4", "a\nb", "", ""};
-    EXPECT_EQ(answer_text(facts, false), "A_  filesystem: swap\n  filesystem: ext4\n  uuid: a_b\n");
+    EXPECT_EQ(answer_for(facts, false), "A_  filesystem: swap\n  filesystem: ext4\n  uuid: a_b\n");
 }
 
 // The daemon reads 4095 bytes, once: the facts must not be pushed out by a monstrous label.
 TEST(AnswerText, FitsIntoOneReadWhateverTheFactsHold)
 {
     const std::string endless(100000, 'x');
-    const std::string answer = answer_text({endless, endless, endless, endless, endless}, false);
+    VolumeFacts facts;
+    set_text(facts.label, endless);
+    set_text(facts.filesystem, endless);
+    set_text(facts.uuid, endless);
+    set_text(facts.version, endless);
+    set_text(facts.usage, endless);
+    const std::string answer = answer_for(facts, false);
     EXPECT_LE(answer.size(), longest_answer);
     EXPECT_NE(answer.find("\n  usage: x"), std::string::npos);
     EXPECT_EQ(answer.back(), '\n');
+}
+
+// Where a monstrous label is cut, no half of a character is left to become a "_".
+TEST(AnswerText, CutsALabelAtAWholeCharacter)
+{
+    for (size_t before = 0; before < 4; before++) {
+        std::string label(before, 'x');
+        while (label.size() < 2 * longest_label)
+            label += "\xF0\x9F\x93\xB7";
+        VolumeFacts facts = {};
+        set_text(facts.label, label);
+        const std::string answer = answer_for(facts, true);
+        EXPECT_EQ(answer.find('_'), std::string::npos) << before;
+        EXPECT_GT(answer.size(), longest_label - 3) << before;
+    }
+}
+
+// A text that is too long for its place is cut there, and always ended.
+TEST(SetText, NeverLeavesItsPlace)
+{
+    struct {
+        char text[4];
+        char after;
+    } place = {{'#', '#', '#', '#'}, '#'};
+    for (const char *text : {"", "a", "abc", "abcd", "abcdefgh"}) {
+        set_text(place.text, text);
+        EXPECT_EQ(std::string(place.text), std::string(text).substr(0, 3));
+        EXPECT_EQ(place.after, '#');
+    }
 }
 
 // All of the answer is there at the first read from a pipe.

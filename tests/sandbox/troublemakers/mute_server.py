@@ -1,6 +1,8 @@
 """A FUSE server that answers until SIGUSR1 and never again: mute_server.py SOURCE MOUNTPOINT.
 
-Every name but "folder" in its root is a file that anybody may write; "folder" is a directory.
+Every name but "folder" in its root is a file that anybody may write; "folder" is a directory. The
+files "dies-at-lookup", "dies-at-open", "dies-at-read" and "dies-at-close" are like a drive that
+breaks there: they hold zeros, and that request is never answered.
 Prints "ready" when it is mounted, and "mute" when it has fallen silent.
 """
 
@@ -12,8 +14,12 @@ import stat
 import struct
 import sys
 
-LOOKUP, GETATTR, OPEN, RELEASE, INIT, OPENDIR, RELEASEDIR, ACCESS = 1, 3, 14, 18, 26, 27, 29, 34
+LOOKUP, GETATTR, OPEN, READ, RELEASE, FLUSH, INIT = 1, 3, 14, 15, 18, 25, 26
+OPENDIR, RELEASEDIR, ACCESS = 27, 29, 34
 ROOT, FILE, FOLDER = 1, 2, 3
+DYING_SIZE = 1 << 20
+DYING = {"dies-at-lookup": (4, LOOKUP), "dies-at-open": (5, OPEN), "dies-at-read": (6, READ),
+         "dies-at-close": (7, FLUSH)}
 
 mute = False
 
@@ -25,21 +31,29 @@ def fall_silent(*_arguments):
 
 
 def attributes(node):
-    mode = stat.S_IFREG | 0o666 if node == FILE else stat.S_IFDIR | 0o755
-    return struct.pack("<6Q10I", node, 0, 0, 0, 0, 0, 0, 0, 0, mode, 1, 0, 0, 0, 4096, 0)
+    mode = stat.S_IFDIR | 0o755 if node in (ROOT, FOLDER) else stat.S_IFREG | 0o666
+    size = DYING_SIZE if node > FOLDER else 0
+    return struct.pack("<6Q10I", node, size, 0, 0, 0, 0, 0, 0, 0, mode, 1, 0, 0, 0, 4096, 0)
 
 
 def answer(opcode, node, body):
-    """(error, bytes) for one request; attributes hold for no time at all."""
+    """(error, bytes) for one request, or None; attributes hold for no time at all."""
+    if (node, opcode) in DYING.values():
+        return None
     if opcode == INIT:
         return 0, struct.pack("<4I2H2I2H8I", 7, 31, 0, 0, 8, 8, 4096, 1, 1, 0, *[0] * 8)
     if opcode == GETATTR:
         return 0, struct.pack("<QII", 0, 0, 0) + attributes(node)
     if opcode == LOOKUP:
-        found = FOLDER if body.rstrip(b"\0") == b"folder" else FILE
+        name = body.rstrip(b"\0").decode()
+        found = FOLDER if name == "folder" else DYING.get(name, (FILE,))[0]
+        if name == "dies-at-lookup":
+            return None
         return 0, struct.pack("<4Q2I", found, 0, 0, 0, 0, 0) + attributes(found)
     if opcode in (OPEN, OPENDIR):
         return 0, struct.pack("<QII", 0, 0, 0)
+    if opcode == READ:
+        return 0, bytes(struct.unpack_from("<QQI", body)[2])
     if opcode in (ACCESS, RELEASE, RELEASEDIR):
         return 0, b""
     return -errno.ENOSYS, b""
@@ -56,9 +70,10 @@ def main():
     while True:
         request = os.read(device, 1 << 17)
         _length, opcode, unique, node = struct.unpack_from("<IIQQ", request)
-        if mute:
+        answered = None if mute else answer(opcode, node, request[40:])
+        if answered is None:
             continue
-        error, body = answer(opcode, node, request[40:])
+        error, body = answered
         os.write(device, struct.pack("<IiQ", 16 + len(body), error, unique) + body)
         if opcode == INIT:
             print("ready", flush=True)
