@@ -89,8 +89,11 @@ static std::string plain_field(const std::string &text)
 std::string join_plain(const std::vector<std::string> &fields)
 {
     std::string line;
-    for (const std::string &field : fields)
-        line += (line.empty() ? "" : "\t") + plain_field(field);
+    for (const std::string &field : fields) {
+        if (!line.empty())
+            line += '\t';
+        line += plain_field(field);
+    }
     return line + "\n";
 }
 
