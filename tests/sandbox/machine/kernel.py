@@ -101,6 +101,7 @@ def drop_file_override():
 # System call numbers of x86-64, the only machine whose calls are refused by number.
 SYSCALLS = {
     "read": 0,
+    "ioctl": 16,
     "pipe": 22,
     "socket": 41,
     "accept": 43,

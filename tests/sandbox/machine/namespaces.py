@@ -24,6 +24,7 @@ NAMESPACES = ("user", "mnt", "pid", "net", "ipc", "uts")
 HOST = {name: os.readlink(f"/proc/self/ns/{name}") for name in NAMESPACES}
 
 TESTS = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+ALL_TESTS = os.path.dirname(TESTS)  # other rings use the made-up machine as well
 HOST_USR = "/.usr"  # the host's /usr, read-only
 REAL_PROC = "/.proc"  # the kernel's own list of processes; /proc itself is made up
 DAEMON = "/usr/sbin/quarryd"
@@ -180,7 +181,7 @@ def _make_root():
         if os.path.exists(f"/dev/{name}"):
             open(f"{root}/dev/{name}", "w").close()
             kernel.bind(f"/dev/{name}", f"{root}/dev/{name}", read_only=False)
-    _bind_at(root, TESTS, TESTS)
+    _bind_at(root, ALL_TESTS, ALL_TESTS)
     daemon, probe = os.environ.get("QUARRYD", ""), os.environ.get("VOLSNIFFER", "")
     room = os.path.join(os.path.dirname(daemon), "../tests/sandbox/room/room")
     notice = os.environ.get("HOTPLUG_NOTICE", "")
