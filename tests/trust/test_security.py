@@ -1,0 +1,301 @@
+"""What an attacker tries, and what happens: docs/security.md has the table, with the test that shows
+each row. Most of them are in the sandbox's ring; here are the rest, and the table's own check.
+
+Where two must meet in the middle of what the daemon does, nothing is left to luck: strace stops the
+daemon behind the call that looked, the other one acts, and then the daemon goes on."""
+
+import os
+import re
+import signal
+
+import pytest
+
+from machine import kernel, stand_ins
+from machine.clients import acting_as, wait_until
+from machine.drives import write
+from machine.machine import USERS
+
+MIB = 1 << 20
+MOUNTED = "OK mount succeeded\n\n"
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+
+
+# A daemon that stops behind a call.
+
+
+def stopping(call, path, when=1):
+    """Keys for machine.start: the daemon stops when it has made that call about that path."""
+    return {
+        "trace": ["-P", path, "-e", f"trace={call}"]
+        + ["-e", f"inject={call}:signal=SIGSTOP:when={when}"]
+    }
+
+
+def wait_for_the_stop(daemon):
+    wait_until(
+        lambda: any("stopped by SIGSTOP" in line for line in daemon.trace()),
+        what=lambda: "\n".join(daemon.trace()),
+    )
+
+
+def go_on(daemon):
+    os.kill(daemon.pid, signal.SIGCONT)
+
+
+def denied_to(user, *attempts):
+    """Each of the attempts of that user is refused by the kernel."""
+    for attempt in attempts:
+        with acting_as(USERS[user]), pytest.raises(PermissionError):
+            attempt()
+
+
+# Words of a client.
+
+PATHS = ["../etc", "sdb/../sda", "/dev/../etc/passwd", "/dev/", "/dev//sdb1", ".", "..", "", "^.."]
+
+
+@pytest.mark.parametrize("word", PATHS + ["sdb1\t", "%s%n", "\x1b[2Jsdb1", "*", "$(id)"])
+def test_a_word_that_is_no_known_device_leads_nowhere(machine, word):
+    """The registry is asked for the very word: no path is made of what it does not know."""
+    stand_ins.exfat_stick(machine)
+    daemon = machine.start("--hotplug")
+    for user in ("guest", "root"):
+        for request in ("mount rw", "mount rudeoff", "umount", "eject", "retract"):
+            reply = machine.ask(f'{request} "{word}"', user)
+            assert re.fullmatch(
+                "ERR (Label not found|device does not exist or is not maintained by this service)\n",
+                reply,
+            )
+    assert os.listdir("/mnt") == []
+    assert daemon.is_running()
+
+
+def test_a_zero_byte_behind_a_name_opens_no_door(machine):
+    """The main partition's name with a zero byte is another name to the rules for it, and no name
+    at all where something would be done."""
+    machine.plug("usb", "sdb", MIB)
+    machine.part("sdb1", 65536)
+    machine.real_mounts()
+    machine.mount_tmpfs("sdb1", "/mnt/sdb1")
+    write("/mnt/sdb1/.claimsig", "SIG\n")
+    machine.configure("main partition signature=SIG\n")
+    daemon = machine.start("--hotplug")
+    daemon.wait_for("Found main partition")
+    before = stand_ins.mount_options("/mnt/sdb1")
+    for request in ("mount off", "mount rudeoff", "mount ro", "mount rw", "umount"):
+        reply = machine.ask(f"{request} sdb1\0", "guest")
+        assert reply in ("OK its not mounted anyway\n", "ERR failed to lookup device\n")
+    assert machine.ask("eject sdb\0", "guest") == "ERR no such device\n"
+    assert stand_ins.mount_options("/mnt/sdb1") == before
+    assert "Main" in machine.ask("list")
+
+
+def test_the_words_of_a_request_are_no_format(machine):
+    daemon = machine.start("--hotplug")
+    machine.plug("usb", "sdb", MIB)
+    assert machine.ask('mount rw "^%n%s%999999d"', "guest") == "ERR Label not found\n"
+    assert "Scanning devices to locate drive labelled '%n%s%999999d'\n" in daemon.stderr()
+    assert machine.ask("notify %s%n /block/%n%s") == "OK thank you\n"
+    assert "Notify %s%n %n%s parent %n%s\n" in daemon.stderr()
+
+
+# Races below /mnt.
+
+
+def test_the_place_of_a_mount_is_no_users_to_change(machine):
+    """Between the look at the mount point and the mount."""
+    stand_ins.exfat_stick(machine)
+    daemon = machine.start("--hotplug", **stopping("newfstatat", "/mnt/sdb1"))
+    with machine.connect("guest") as client:
+        client.send("mount rw sdb1\n")
+        wait_for_the_stop(daemon)
+        denied_to(
+            "guest",
+            lambda: os.rmdir("/mnt/sdb1"),
+            lambda: os.rename("/mnt/sdb1", "/mnt/sdb2"),
+            lambda: os.symlink("/etc", "/mnt/^DATA"),
+            lambda: os.mkdir("/mnt/sdc1"),
+        )
+        go_on(daemon)
+        assert client.reply() == MOUNTED
+    assert {"nosuid", "nodev"} <= set(stand_ins.mount_options("/mnt/sdb1"))
+    assert os.readlink("/mnt/^DATA") == "sdb1"
+
+
+@pytest.mark.parametrize("instead", ["a link to elsewhere", "a full directory", "nothing"])
+def test_a_label_link_that_is_swapped_takes_nothing_else_along(machine, instead):
+    """Between the reading of the link and its removal."""
+    stand_ins.exfat_stick(machine)
+    write("/root/precious/file", "kept")
+    daemon = machine.start("--hotplug", **stopping("readlink", "/mnt/^DATA"))
+    assert machine.ask("mount rw sdb1") == MOUNTED
+    with machine.connect() as client:
+        client.send("umount sdb1\n")
+        wait_for_the_stop(daemon)
+        os.unlink("/mnt/^DATA")
+        if instead == "a link to elsewhere":
+            os.symlink("/root/precious/file", "/mnt/^DATA")
+        elif instead == "a full directory":
+            write("/mnt/^DATA/file", "kept")
+        go_on(daemon)
+        assert client.reply() == "OK unmount succeeded\n"
+    with open("/root/precious/file") as file:
+        assert file.read() == "kept"
+    assert os.path.exists("/mnt/^DATA/file") == (instead == "a full directory")
+
+
+@pytest.mark.parametrize("instead", ["a link to a directory", "a file", "a fresh mount"])
+def test_a_stale_directory_that_is_swapped_takes_nothing_else_along(machine, instead):
+    """Between the look at its age and its removal."""
+    os.mkdir("/root/empty")
+    os.mkdir("/mnt/stale")
+    os.utime("/mnt/stale", (1, 1))
+    machine.real_mounts()
+    daemon = machine.start("--hotplug", **stopping("statx", "stale"))
+    wait_for_the_stop(daemon)
+    if instead == "a fresh mount":
+        kernel.mount("tmpfs", "/mnt/stale", "tmpfs")
+    else:
+        os.rmdir("/mnt/stale")
+        if instead == "a file":
+            write("/mnt/stale", "kept")
+        else:
+            os.symlink("/root/empty", "/mnt/stale")
+    go_on(daemon)
+    machine.pass_of_loop()
+    assert os.path.isdir("/root/empty")
+    assert os.path.exists("/mnt/stale")
+
+
+# Races on a drive.
+
+
+@pytest.mark.parametrize("instead", ["a link", "a FIFO", "a directory"])
+def test_a_signature_file_that_is_swapped_is_not_read(machine, instead):
+    """Between the look at the file and its opening: a user may own the root of a mounted drive."""
+    machine.plug("usb", "sdb", MIB)
+    machine.part("sdb1", 65536)
+    machine.real_mounts()
+    machine.mount_tmpfs("sdb1", "/mnt/sdb1", "mode=755,uid=1000")
+    write("/mnt/sdb1/.claimsig", "no\n")
+    write("/root/secret", "SIG\n")
+    machine.configure("main partition signature=SIG\n")
+    daemon = machine.start(**stopping("newfstatat", ".claimsig"))
+    wait_for_the_stop(daemon)
+    with acting_as(USERS["guest"]):
+        os.unlink("/mnt/sdb1/.claimsig")
+        if instead == "a link":
+            os.symlink("/root/secret", "/mnt/sdb1/.claimsig")
+        elif instead == "a FIFO":
+            os.mkfifo("/mnt/sdb1/.claimsig")
+        else:
+            os.mkdir("/mnt/sdb1/.claimsig")
+    go_on(daemon)
+    machine.pass_of_loop()
+    assert "has sig" not in daemon.stderr()
+    assert "Found main partition" not in daemon.stderr()
+
+
+def test_a_swap_file_is_no_users_to_swap(machine):
+    """Between the last look at the file and mkswap, which would write wherever a link leads."""
+    machine.plug("usb", "sdb", MIB)
+    machine.part("sdb1", 65536)
+    machine.real_mounts()
+    machine.mount_tmpfs("sdb1", "/mnt/sdb1")
+    write("/mnt/sdb1/.claimsig", "SIG\n")
+    write("/mnt/sdb1/swap.img", "")
+    os.truncate("/mnt/sdb1/swap.img", MIB)
+    machine.configure("main partition signature=SIG\nswap name=swap.img\n")
+    machine.stand_in("mkswap")
+    keys = stopping("newfstatat", "/mnt/sdb1/swap.img", when=3)
+    daemon = machine.start(refuse=[("swapon", 22)], wait=False, **keys)
+    wait_for_the_stop(daemon)
+    assert any("AT_SYMLINK_NOFOLLOW" in line for line in daemon.trace())
+    denied_to(
+        "guest",
+        lambda: os.unlink("/mnt/sdb1/swap.img"),
+        lambda: os.rename("/mnt/sdb1/swap.img", "/mnt/sdb1/away"),
+        lambda: os.symlink("/dev/sdb", "/mnt/sdb1/another"),
+    )
+    go_on(daemon)
+    daemon.wait_for("Found main partition")
+    assert machine.calls("mkswap") == ["/mnt/sdb1/swap.img"]
+
+
+def test_a_device_that_is_replaced_before_its_mount_is_no_less_protected(machine):
+    """Between the probe and the mount: another stick has the name now. It is mounted, as nosuid and
+    nodev as any; the link has the label of the stick that was asked for."""
+    stand_ins.exfat_stick(machine)
+    daemon = machine.start("--hotplug", **stopping("newfstatat", "/mnt/sdb1"))
+    assert "DATA" in machine.ask("list")
+    with machine.connect() as client:
+        client.send("mount rw sdb1\n")
+        wait_for_the_stop(daemon)
+        machine.unplug("sdb")
+        stand_ins.exfat_stick(machine, label="../../root/owned")
+        go_on(daemon)
+        assert client.reply() == MOUNTED
+    assert {"nosuid", "nodev"} <= set(stand_ins.mount_options("/mnt/sdb1"))
+    assert sorted(os.listdir("/mnt")) == ["^DATA", "sdb1"]
+    assert os.listdir("/root") == []
+    assert machine.ask("umount sdb1") == "OK unmount succeeded\n"
+    assert os.listdir("/mnt") == []
+
+
+# Script directories.
+
+NAMES = ["a b", "$(touch owned)", "new\nline", "é", "%s%n", "'", "\x1b[2J", ";id"]
+
+
+def test_a_scripts_name_is_no_command(machine):
+    """Whatever it is called, it is run by that name with its two words, without a shell."""
+    stand_ins.exfat_stick(machine)
+    for name in NAMES:
+        machine.script(
+            f"/var/quarryd/mount-notify/{name}", 'echo "$# $1 $2" >> /run/heard; exit 0\n'
+        )
+    machine.start("--hotplug")
+    assert machine.connect(timeout=20).ask("mount rw sdb1") == MOUNTED
+    with open("/run/heard") as file:
+        heard = file.read().splitlines()
+    assert heard == ["2 sdb1 about-to-mount"] * len(NAMES) + ["2 /dev/sdb1 mount"] * len(NAMES)
+    assert sorted(os.listdir("/var/quarryd/mount-notify")) == sorted(NAMES)
+
+
+def test_nobody_else_looks_into_the_script_directories(machine):
+    machine.start("--hotplug")
+    for name in ("mount-notify", "device-notify"):
+        folder = f"/var/quarryd/{name}"
+        denied_to(
+            "guest",
+            lambda folder=folder: os.listdir(folder),
+            lambda folder=folder: write(f"{folder}/mine", ""),
+            lambda folder=folder: os.rename(folder, "/var/quarryd/away"),
+        )
+
+
+# The table.
+
+
+def rows_of_the_table():
+    """(what is tried, what happens, tests) of docs/security.md."""
+    with open(f"{ROOT}/docs/security.md") as file:
+        text = file.read()
+    section = text.split("## What is tried, and what shows what happens\n")[1].split("\n## ")[0]
+    rows = [line.strip("| ").split(" | ") for line in section.splitlines() if line[:2] == "| "]
+    return [row for row in rows if len(row) == 3 and row[0] not in ("tried", "---")]
+
+
+def test_every_row_of_the_table_names_tests_that_there_are():
+    rows = rows_of_the_table()
+    assert len(rows) >= 30
+    for _tried, _happens, proofs in rows:
+        names = re.findall(r"`([^`]+)`", proofs)
+        assert names, proofs
+        for name in names:
+            file, _, test = name.partition("::")
+            path = f"{ROOT}/tests/{file}"
+            assert os.path.exists(path), name
+            if test:
+                with open(path) as source:
+                    assert f"def {test}(" in source.read(), name
