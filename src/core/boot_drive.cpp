@@ -15,23 +15,27 @@ static std::string root_device()
     return std::string();
 }
 
-void detect_boot_drive()
+static const char useless_device[] = "/dev/root";
+
+std::string find_boot_drive()
 {
-    std::string device = root_device();
-    if (device == "/dev/root") {
-        fprintf(stderr, "Ahahahah /dev/root. Good one. Completely useless.\n");
-        device.clear();
-    }
-    if (device.empty()) {
-        boot_drive.clear();
-        boot_partition.clear();
-        fprintf(stderr, "WARNING: Cannot determine boot drive\n");
-        return;
-    }
-    boot_partition = device.substr(5);
+    const std::string device = root_device();
+    boot_partition = device.empty() || device == useless_device ? "" : device.substr(5);
     // Three characters, whatever the bus: "sda" for sda1, and "nvm" for nvme0n1p2, which names no
     // drive and so protects only the partition.
     boot_drive = boot_partition.substr(0, 3);
+    return device;
+}
+
+void detect_boot_drive()
+{
+    const std::string device = find_boot_drive();
+    if (device == useless_device)
+        fprintf(stderr, "Ahahahah /dev/root. Good one. Completely useless.\n");
+    if (device.empty() || device == useless_device) {
+        fprintf(stderr, "WARNING: Cannot determine boot drive\n");
+        return;
+    }
     fprintf(stderr, "boot drive:     %s\n", boot_drive.c_str());
     fprintf(stderr, "boot partition: %s\n", boot_partition.c_str());
 }

@@ -1,18 +1,10 @@
 // Reader of the configuration file.
 #include "core/configuration.h"
 
-#include <string>
-
-#include "base/daemon_state.h"
 #include "base/small_files.h"
 #include "base/words.h"
 
-static const size_t line_limit = 1023;
-
-static const struct {
-    const char *key;
-    std::string Settings::*field;
-} keys[] = {
+static const ConfigurationKey keys[] = {
     {"main drive model", &Settings::main_drive_model},
     {"main partition signature", &Settings::main_partition_signature},
     {"main partition label", &Settings::main_partition_label},
@@ -21,20 +13,33 @@ static const struct {
     {"swap name", &Settings::swap_name},
 };
 
-void apply_configuration_line(std::string_view line)
+std::span<const ConfigurationKey> configuration_keys()
 {
-    if (line.size() > line_limit || line.starts_with('#'))
-        return;
+    return keys;
+}
+
+bool split_configuration_line(std::string_view line, std::string_view &key, std::string_view &value)
+{
+    if (line.size() > configuration_line_limit || line.starts_with('#'))
+        return false;
     const size_t equals = line.find('=');
     if (equals == std::string_view::npos)
-        return;
-    // Blanks around the '=' do not count; those before the key and after the value do.
-    std::string_view key = line.substr(0, equals);
+        return false;
+    key = line.substr(0, equals);
     key = key.substr(0, key.find_last_not_of(' ') + 1);
-    std::string_view value = line.substr(equals + 1);
+    value = line.substr(equals + 1);
     skip_run(value, ' ');
-    for (const auto &known : keys) {
-        if (key == known.key)
+    return true;
+}
+
+void apply_configuration_line(std::string_view line)
+{
+    std::string_view key;
+    std::string_view value;
+    if (!split_configuration_line(line, key, value))
+        return;
+    for (const ConfigurationKey &known : keys) {
+        if (key == known.name)
             settings.*known.field = std::string(value);
     }
 }
@@ -42,7 +47,7 @@ void apply_configuration_line(std::string_view line)
 bool read_configuration()
 {
     std::string text;
-    if (!read_whole_file("/etc/quarryd.conf", text))
+    if (!read_whole_file(configuration_file, text))
         return false;
     LineReader lines(text);
     for (std::string_view line; lines.Next(line);)

@@ -21,7 +21,6 @@
 #include "registry/label_links.h"
 
 static const char signature_file[] = ".claimsig";
-static const size_t signature_limit = 255;
 static const char main_link[] = "/mnt/main";
 
 // Only filesystems that can hold owners, quotas and a swap file.

@@ -10,11 +10,11 @@
 int hotplug_present()
 {
     int present = 1;
-    if (is_executable_file("/sbin/hotplug"))
+    if (is_executable_file(hotplug_program))
         printf("/sbin/hotplug present and executable\n");
     else
         present = 0;
-    if (is_executable_file("/etc/hotplug.d/block/quarryd.hotplug"))
+    if (is_executable_file(hotplug_hook))
         printf("/etc/hotplug.d/block/quarryd.hotplug is present and executable\n");
     else
         present = 0;

@@ -2,6 +2,10 @@
 #ifndef QUARRYD_CORE_OPTIONS_H
 #define QUARRYD_CORE_OPTIONS_H
 
+// What runs the files of the hook's folder at each event, and the hook.
+inline constexpr char hotplug_program[] = "/sbin/hotplug";
+inline constexpr char hotplug_hook[] = "/etc/hotplug.d/block/quarryd.hotplug";
+
 // Whether the system's own hotplug machinery is there to tell the daemon about drives: both of its
 // files are regular and executable. Prints a line on stdout for each that is.
 int hotplug_present();

@@ -15,7 +15,6 @@
 #include "base/words.h"
 #include "inspect/raid_members.h"
 
-static const char probe_program[] = "/usr/bin/volsniffer";
 static const size_t answer_limit = 4095;
 
 // A single blank: not empty, so that nobody asks again.

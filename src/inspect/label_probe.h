@@ -4,7 +4,9 @@
 
 #include <string>
 
-// Runs /usr/bin/volsniffer on a device ("sdb1" or "/dev/sdb1") and waits for it; there is no time
+inline constexpr char probe_program[] = "/usr/bin/volsniffer";
+
+// Runs the probe program on a device ("sdb1" or "/dev/sdb1") and waits for it; there is no time
 // limit on its answer. 1 when it ran and exited with status 0, else 0.
 //
 // label receives the first line of the answer. filesystem (may be null) receives the filesystem's

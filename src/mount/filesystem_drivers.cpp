@@ -12,19 +12,21 @@
 #include "mount/mount_tables.h"
 
 // The kernel needs a moment until a loaded type is registered.
-static const struct {
-    const char *type;
-    const char *command;
-} module_loaders[] = {
+static const ModuleLoader known_loaders[] = {
     {"hfs", "modprobe hfs; sleep 1.25"},     {"hfsplus", "modprobe hfsplus; sleep 1.25"},
     {"vfat", "modprobe vfat; sleep 1.25"},   {"xfs", "modprobe xfs; sleep 1.25"},
     {"btrfs", "modprobe btrfs; sleep 1.25"},
 };
 
+std::span<const ModuleLoader> module_loaders()
+{
+    return known_loaders;
+}
+
 void load_fs_module(const std::string &type)
 {
     const char *command = nullptr;
-    for (const auto &loader : module_loaders) {
+    for (const ModuleLoader &loader : known_loaders) {
         if (type == loader.type)
             command = loader.command;
     }
@@ -35,15 +37,15 @@ void load_fs_module(const std::string &type)
     ReadProcFilesystems();
 }
 
-// A driver is known by several paths; the first that can be executed is used.
-static const struct {
-    const char *candidate;
-    const char *name;
-    const char *paths[2];
-} fuse_drivers[] = {
+static const FuseDriver known_drivers[] = {
     {"*ntfs-3g", "ntfs-3g", {"/bin/ntfs-3g", nullptr}},
     {"*mount.exfat", "mount.exfat", {"/sbin/mount.exfat", "/sbin/mount.exfat-fuse"}},
 };
+
+std::span<const FuseDriver> fuse_drivers()
+{
+    return known_drivers;
+}
 
 // In the child: never returns.
 [[noreturn]] static void become_driver(const char *const (&paths)[2],
@@ -74,7 +76,7 @@ static int exit_status(int wait_status)
 int mount_fuse(const std::string &device_path, const std::string &mountpoint,
                const std::string &candidate, bool read_only)
 {
-    for (const auto &driver : fuse_drivers) {
+    for (const FuseDriver &driver : known_drivers) {
         if (candidate != driver.candidate)
             continue;
         run_shell("modprobe fuse");

@@ -3,7 +3,26 @@
 #ifndef QUARRYD_MOUNT_FILESYSTEM_DRIVERS_H
 #define QUARRYD_MOUNT_FILESYSTEM_DRIVERS_H
 
+#include <span>
 #include <string>
+
+// A filesystem type whose module can be loaded, and the shell's command for it.
+struct ModuleLoader {
+    const char *type;
+    const char *command;
+};
+
+std::span<const ModuleLoader> module_loaders();
+
+// A driver that is a program. It is known by one or two paths; the first that can be executed is
+// used.
+struct FuseDriver {
+    const char *candidate; // as mount_fuse() knows it
+    const char *name;
+    const char *paths[2]; // the second may be null
+};
+
+std::span<const FuseDriver> fuse_drivers();
 
 // Loads the kernel's module for a filesystem type, which takes 1.25 seconds, and reads
 // /proc/filesystems again. A type whose module has no known name is one line on stderr; whether the

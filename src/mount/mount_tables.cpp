@@ -58,7 +58,7 @@ bool has_option(const MountEntry &entry, const std::string &option)
     return std::find(entry.options.begin(), entry.options.end(), option) != entry.options.end();
 }
 
-static bool may_be_any_users(const MountEntry &entry)
+bool may_be_any_users(const MountEntry &entry)
 {
     return (entry.fstype == "fuse" || entry.fstype.starts_with("fuse.")) &&
            !has_option(entry, "user_id=0");

@@ -40,6 +40,10 @@ extern std::list<std::string> filesystems_nodev_list; // types that need no devi
 // device then counts as not mounted.
 void ReadProcMounts();
 
+// Whether a user other than root may have made this mount, with any name for a device: FUSE lets
+// him.
+bool may_be_any_users(const MountEntry &entry);
+
 // First entry whose category ("device" or "mountpoint") equals value exactly, or null. Any other
 // category is one line on stderr and null. The FUSE mount of a user other than root, who can give
 // it any name, is no device's mount.

@@ -17,11 +17,15 @@
 
 static const int looks_at_the_table = 11;
 
-// A star marks a driver that is a program.
 static const char *const candidates[] = {
     "ext4",    "ext3", "ext2",     "udf",          "xfs",  "hfsplus",  "hfs",
     "iso9660", "vfat", "*ntfs-3g", "*mount.exfat", "ntfs", "reiserfs", "btrfs",
 };
+
+std::span<const char *const> mount_candidates()
+{
+    return candidates;
+}
 
 // What the label probe calls a filesystem, and the candidates that can mount it. A filesystem that
 // is not here may be anything.

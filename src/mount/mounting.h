@@ -2,7 +2,11 @@
 #ifndef QUARRYD_MOUNT_MOUNTING_H
 #define QUARRYD_MOUNT_MOUNTING_H
 
+#include <span>
 #include <string>
+
+// All drivers in the order in which they are tried. A star marks one that is a program.
+std::span<const char *const> mount_candidates();
 
 // Tries the drivers for a device, one after another, until one mounts it; known_filesystem (of the
 // label probe, "" or " " when unknown) leaves only its own. On success candidate is the driver's

@@ -30,9 +30,13 @@ static const int last_pass = 10;
 static const useconds_t pause_between_passes = 100000; // microseconds
 
 // Whether a link below /proc (relative to directory_fd) leads to something under path.
-static bool leads_under(int directory_fd, const char *link, const std::string &path)
+static bool leads_under(int directory_fd, const char *link, const std::string &path,
+                        std::string *target)
 {
-    return read_link_at(directory_fd, link, used_link_limit).starts_with(path);
+    const std::string found = read_link_at(directory_fd, link, used_link_limit);
+    if (target)
+        *target = found;
+    return found.starts_with(path);
 }
 
 // Whether the target of a link has a write-permission bit. The kernel's own idea of the mode is
@@ -45,23 +49,29 @@ static bool target_is_writable(int directory_fd, const char *link)
     return (status.stx_mode & 0222) != 0;
 }
 
-bool process_uses_path(int pid, const std::string &, const std::string &path, bool writers_only)
+std::string link_under_path(int pid, const std::string &path, bool writers_only,
+                            std::string *target)
 {
-    const std::string process = "/proc/" + std::to_string(pid);
+    const std::string process = "/proc/" + std::to_string(pid) + "/";
     if (!writers_only) {
-        for (const char *link : {"/root", "/cwd", "/exe"}) {
-            if (leads_under(AT_FDCWD, (process + link).c_str(), path))
-                return true;
+        for (const char *link : {"root", "cwd", "exe"}) {
+            if (leads_under(AT_FDCWD, (process + link).c_str(), path, target))
+                return link;
         }
     }
-    Directory files(AT_FDCWD, (process + "/fd").c_str());
+    Directory files(AT_FDCWD, (process + "fd").c_str());
     while (const char *file = files.NextName()) {
         // The name first: only a file that is under the path is worth a look at its mode.
-        if (file[0] != '.' && leads_under(files.Fd(), file, path) &&
+        if (file[0] != '.' && leads_under(files.Fd(), file, path, target) &&
             (!writers_only || target_is_writable(files.Fd(), file)))
-            return true;
+            return std::string("fd/") + file;
     }
-    return false;
+    return std::string();
+}
+
+bool process_uses_path(int pid, const std::string &, const std::string &path, bool writers_only)
+{
+    return !link_under_path(pid, path, writers_only).empty();
 }
 
 // The beginning of a process's command line, which is its first argument. Unknown without one.

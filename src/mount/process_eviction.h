@@ -8,9 +8,15 @@
 #include <string>
 #include <vector>
 
+// The link below /proc/PID by which a process uses something under path: "root", "cwd", "exe" or,
+// say, "fd/3", the first in that order; "" when it does not. With writers_only it counts only open
+// files whose target has a write-permission bit set (whatever the file was opened for). target,
+// unless null, gets what the link leads to. Prints nothing.
+std::string link_under_path(int pid, const std::string &path, bool writers_only,
+                            std::string *target = nullptr);
+
 // Whether the process uses something under path: its root, working directory or program, or an
-// open file. With writers_only it counts only open files whose target has a write-permission bit
-// set (whatever the file was opened for). device is not consulted. Prints nothing.
+// open file, as link_under_path() finds it. device is not consulted. Prints nothing.
 bool process_uses_path(int pid, const std::string &device, const std::string &path,
                        bool writers_only);
 

@@ -40,18 +40,21 @@ static void unmount_with_patience(const std::string &mountpoint)
         fprintf(stderr, "yep. cannot force unmount %s\n", mountpoint.c_str());
 }
 
+std::string forced_mountpoint(const std::string &name)
+{
+    const MountEntry *entry = is_boot_device(name) ? nullptr : FindMount("device", "/dev/" + name);
+    const std::string mountpoint = entry ? from_kernel_table(entry->mountpoint) : std::string();
+    return mountpoint == "/" ? std::string() : mountpoint;
+}
+
 void force_unmount(const std::string &name)
 {
     if (is_boot_device(name))
         return;
     device_name_set_remove(name);
     ReadProcMounts();
-    const MountEntry *entry = FindMount("device", "/dev/" + name);
-    if (!entry)
-        return;
-    // The entry dies at the next reading.
-    const std::string mountpoint = from_kernel_table(entry->mountpoint);
-    if (mountpoint.empty() || mountpoint == "/")
+    const std::string mountpoint = forced_mountpoint(name);
+    if (mountpoint.empty())
         return;
     if (!no_force_shutdown) {
         fprintf(stderr, "killing processes using %s on %s\n", name.c_str(), mountpoint.c_str());

@@ -4,6 +4,10 @@
 
 #include <string>
 
+// Where the device of that name is mounted, if force_unmount() would clear and unmount that; ""
+// when it would leave it alone. By the mount table as last read.
+std::string forced_mountpoint(const std::string &name);
+
 // Unmounts the device of that name: ends the processes that use the mount (a second or so), tries
 // again after two seconds when it is still busy, then removes its mount directory and its label
 // link. After --nfsx it neither ends processes nor tries again. The boot device, and whatever is

@@ -13,9 +13,6 @@
 #include "base/child_process.h"
 #include "base/directory.h"
 
-static const char mount_scripts[] = "/var/quarryd/mount-notify";
-static const char device_scripts[] = "/var/quarryd/device-notify";
-
 static const size_t most_running = 8;
 static const std::chrono::seconds time_for_all(3);
 static const useconds_t pause_after_kill = 10000; // microseconds

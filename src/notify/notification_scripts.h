@@ -10,6 +10,10 @@
 
 #include <string>
 
+// Where the scripts are, of mounting and of devices.
+inline constexpr char mount_scripts[] = "/var/quarryd/mount-notify";
+inline constexpr char device_scripts[] = "/var/quarryd/device-notify";
+
 // Runs every script of a directory. 0 when one of them exited with a status other than 0 (as does
 // one that cannot be executed), otherwise 1: also without scripts, and when a signal ended one.
 // A line on stderr for each script that is killed.

@@ -16,7 +16,6 @@
 static int listen_fd = -1;
 static std::vector<SocketConnection *> connections; // in the order of their arrival; owned
 
-static const char socket_name[] = "quarryd";
 static const int backlog = 16;
 static const size_t connection_limit = 50;
 static const int head_start_steps = 100;

@@ -5,6 +5,8 @@
 #ifndef QUARRYD_PROTOCOL_CONTROL_SOCKET_H
 #define QUARRYD_PROTOCOL_CONTROL_SOCKET_H
 
+inline constexpr char socket_name[] = "quarryd"; // behind the zero byte
+
 // Makes the socket and listens on it. On failure one line on stderr and false; what was opened
 // stays open, since the daemon does not start then.
 bool init_socket();

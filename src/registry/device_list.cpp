@@ -11,7 +11,7 @@
 #include "mount/unmounting.h"
 #include "registry/sysfs_probe.h"
 
-static bool is_followed(const char *name)
+bool is_followed(const char *name)
 {
     return name[0] != '.' && strncmp(name, "loop", 4) != 0 && strncmp(name, "ram", 3) != 0;
 }

@@ -4,6 +4,10 @@
 
 #include "registry/block_device.h"
 
+// Whether the poll makes records of such a drive, and the daemon releases its mounts. False for
+// loop devices and memory disks.
+bool is_followed(const char *name);
+
 // Creates records for what has appeared, refreshes every partition, and removes what has gone:
 // partitions before drives, each unmounted first when it is still mounted (which may take seconds,
 // see force_unmount()). A line on stderr for each. Does nothing when /sys/block cannot be opened.
