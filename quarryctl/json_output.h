@@ -32,10 +32,29 @@
 #include <string>
 #include <vector>
 
+#include "busy.h"
+#include "check.h"
 #include "mounts.h"
 #include "reply.h"
 
 std::string list_json(const std::vector<Drive> &drives, const MountTable &mounts);
 std::string enumeration_json(const std::vector<ConnectionGroup> &groups);
+
+// `quarryctl busy --json` prints one object:
+//
+//   devices           the device, and of a drive its partitions: name, mounts (mountpoint, fstype,
+//                     read_only), cleared (the mount point whose users the daemon would end, or
+//                     null), active_unmounted (a filesystem in use that no mount shows)
+//   holders           kind, device, pid, uid, user, command (null where it is no process), what,
+//                     more (null without), ended_by (an array of "rudeoff", "rudero")
+//   unseen_processes  how many other users' processes could not be looked into
+//   unread_memory     pids whose mapped files are not known
+//   list_is_partial   whether other users' processes are hidden
+std::string busy_json(const BusyReport &report);
+
+// `quarryctl check --json` prints {"findings": [...], "errors": 0, "warnings": 0, "notes": 0}; a
+// finding has severity ("error", "warning", "note"), code, place, line (null: no line), effect,
+// remedy.
+std::string findings_json(const Findings &findings);
 
 #endif

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "busy.h"
+#include "check.h"
 #include "connection.h"
 #include "verbs.h"
 #include "watch.h"
@@ -80,6 +82,67 @@ static const char watch_footnote[] =
     "(\"added\",\n"
     "\"removed\", \"changed\"), followed by a tab and the fields of `quarryctl list --plain`.\n";
 
+static const char busy_footnote[] =
+    "DEVICE may be a mount point, too; a drive brings its partitions along. No daemon is asked, "
+    "and\n"
+    "no filesystem: a mount that hangs is no obstacle. Root sees what all processes hold; anybody\n"
+    "else is told of how many he could not learn that.\n"
+    "\n"
+    "What HOLDS says:\n"
+    "  directory, root, program   a process's working directory, its root, the program that it "
+    "runs\n"
+    "  file, mapping              an open file, a file mapped into memory\n"
+    "  device                     the device itself is open\n"
+    "  bystander                  nothing of the device, but the daemon would end the process: it\n"
+    "                             compares paths as texts, and /mnt/sdb1 is the beginning of "
+    "/mnt/sdb10\n"
+    "  mount                      a mount on a folder of the device's filesystem\n"
+    "  swap                       the device, or a file on it, is a swap area\n"
+    "  loop, stacked              a loop device with a file on it; a volume or array made of it\n"
+    "  namespace                  another mount namespace has it mounted\n"
+    "\n"
+    "ENDED BY says whom the daemon would end, by its own rule: rudeoff, when it clears the mount "
+    "(for\n"
+    "`quarryctl umount --force`; when the device is pulled, and at the daemon's end, unless it "
+    "runs\n"
+    "with --nfsx); rudero, also for `quarryctl remount --force ro`.\n"
+    "\n"
+    "--plain prints a line for each holder, with these fields between tabs, \"-\" where there is\n"
+    "nothing:\n"
+    "  holds, device, pid, user, command, ended by (rudeoff, or rudeoff,rudero), what, more\n"
+    "What a terminal could obey is written as \\x1b or \\u202e, a backslash as \\\\.\n"
+    "\n"
+    "--json prints {\"devices\": [...], \"holders\": [...]} with the keys name, mounts, cleared "
+    "(the\n"
+    "mount point that the daemon would clear), active_unmounted; kind, device, pid, uid, user, "
+    "command,\n"
+    "what, more, ended_by; and unseen_processes, unread_memory, list_is_partial: what is not "
+    "known.\n"
+    "\n"
+    "The exit status is 0 whether or not anything holds it, and 1 when there is no such device.\n";
+
+static const char check_footnote[] =
+    "Examines the configuration file, the scripts, the programs that the daemon runs, /mnt, and\n"
+    "whoever passes the kernel's events on; of this machine also the kernel and the owner of the\n"
+    "daemon's socket. Nothing is changed, and no daemon is asked. Run it as root: others may not\n"
+    "look everywhere.\n"
+    "\n"
+    "A line for each finding: severity, place, what will happen; what to do about it.\n"
+    "  error    something that is installed or asked for does not work, or is unsafe\n"
+    "  warning  something is probably not what was meant\n"
+    "  note     worth knowing\n"
+    "\n"
+    "With --root the owner of DIR counts as root: he is preparing the tree.\n"
+    "\n"
+    "--plain prints these fields between tabs, \"-\" where there is nothing:\n"
+    "  severity, code, place, line, what will happen, what to do\n"
+    "\n"
+    "--json prints {\"findings\": [...], \"errors\": 0, \"warnings\": 0, \"notes\": 0} with the "
+    "keys\n"
+    "severity, code, place, line, effect, remedy. Codes stay; new ones may come.\n"
+    "\n"
+    "The exit status is 0 without errors and warnings, otherwise 1.\n";
+
 static const char raw_footnote[] =
     "The reply is printed as it comes: lines that begin \"OK-\" and a last one that begins \"OK "
     "\"; a\n"
@@ -115,6 +178,7 @@ struct Wishes {
     std::string mode;
     std::string device;
     std::string action;
+    std::string root = "/";
     std::vector<std::string> words;
 
     std::function<ExitStatus()> run;
@@ -239,6 +303,23 @@ static void add_mounting(CLI::App &app, Wishes &wishes)
     umount->footer(wait_footnote);
 }
 
+static void add_examinations(CLI::App &app, Wishes &wishes)
+{
+    CLI::App *busy =
+        add_verb(app, wishes, "busy", "Show who holds a device, and whom that would cost",
+                 [&] { return run_busy(wishes.Form(), wishes.device); });
+    add_forms(busy, wishes);
+    add_device(busy, wishes);
+    busy->footer(busy_footnote);
+
+    CLI::App *check = add_verb(app, wishes, "check", "Look for mistakes in the installation",
+                               [&] { return run_check(wishes.Form(), wishes.root); });
+    add_forms(check, wishes);
+    check->add_option("--root", wishes.root, "of an installation below this folder")
+        ->type_name("DIR");
+    check->footer(check_footnote);
+}
+
 static void add_trays(CLI::App &app, Wishes &wishes)
 {
     static const struct {
@@ -312,6 +393,7 @@ static void describe(CLI::App &app, Wishes &wishes)
     app.require_subcommand(1);
     add_listings(app, wishes);
     add_mounting(app, wishes);
+    add_examinations(app, wishes);
     add_trays(app, wishes);
     add_rarer_verbs(app, wishes);
 }

@@ -1,9 +1,10 @@
-"""A process that holds on to something: --cwd DIR, --root DIR, --read FILE, --write FILE.
+"""A process that holds on to something: --cwd DIR, --root DIR, --read FILE, --write FILE, --map FILE.
 
 --ignore-term makes it deaf to SIGTERM, --stop puts it to sleep for good (SIGSTOP). SIGUSR1 makes it
 leave in peace. Prints "ready" when it holds everything.
 """
 
+import mmap
 import os
 import signal
 import sys
@@ -26,6 +27,14 @@ while words:
         held.append(os.open(words.pop(0), os.O_RDONLY))
     elif option == "--write":
         held.append(os.open(words.pop(0), os.O_WRONLY))
+    elif option == "--map":
+        import ctypes  # Python's own mmap would keep the file open
+
+        file = os.open(words.pop(0), os.O_RDONLY)
+        libc = ctypes.CDLL(None)
+        libc.mmap.restype = ctypes.c_void_p
+        libc.mmap(None, ctypes.c_size_t(4096), mmap.PROT_READ, mmap.MAP_SHARED, file, 0)
+        os.close(file)
     else:
         sys.exit(f"what is {option}?")
 signal.signal(signal.SIGUSR1, lambda *_arguments: sys.exit(0))
