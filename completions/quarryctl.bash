@@ -93,11 +93,16 @@ _quarryctl() {
     # What takes a number has nothing to offer.
     [[ $previous == = ]] && previous=${COMP_WORDS[COMP_CWORD - 2]}
     [[ $previous == --timeout || $previous == --interval ]] && return
+    if [[ $previous == --root ]]; then
+        compopt -o filenames
+        mapfile -t COMPREPLY < <(compgen -d -- "$text")
+        return
+    fi
 
     for ((i = 1; i < COMP_CWORD; i++)); do
         word=${COMP_WORDS[i]}
         case $word in
-        --timeout | --interval)
+        --timeout | --interval | --root)
             [[ ${COMP_WORDS[i + 1]} == = ]] && i+=1
             i+=1
             ;;
@@ -112,7 +117,8 @@ _quarryctl() {
         _quarryctl_offer --help --timeout
         case $verb in
         '') _quarryctl_offer --version ;;
-        list | enumerate | busy | check) _quarryctl_offer --plain --json ;;
+        list | enumerate | busy) _quarryctl_offer --plain --json ;;
+        check) _quarryctl_offer --plain --json --root ;;
         watch) _quarryctl_offer --interval ;;
         remount | umount) _quarryctl_offer --force ;;
         esac

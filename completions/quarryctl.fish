@@ -6,7 +6,7 @@ function __quarryctl_words
     for word in (commandline -opc)[2..]
         if test $skip = 1
             set skip 0
-        else if contains -- $word --timeout --interval
+        else if contains -- $word --timeout --interval --root
             set skip 1
         else if not string match -q -- '-*' $word
             echo $word
@@ -68,8 +68,8 @@ complete -c quarryctl -n $no_verb -a watch -d 'Show the list and what changes in
 complete -c quarryctl -n $no_verb -a mount -d 'Mount a device below /mnt and print where'
 complete -c quarryctl -n $no_verb -a remount -d 'Make a mounted device read-only or writable'
 complete -c quarryctl -n $no_verb -a umount -d 'Unmount a device'
-complete -c quarryctl -n $no_verb -a busy -d 'Show who uses a device'
-complete -c quarryctl -n $no_verb -a check -d 'Look for what is commonly wrong'
+complete -c quarryctl -n $no_verb -a busy -d 'Show who holds a device, and whom that would cost'
+complete -c quarryctl -n $no_verb -a check -d 'Look for mistakes in the installation'
 complete -c quarryctl -n $no_verb -a eject -d 'Open the tray of an optical drive'
 complete -c quarryctl -n $no_verb -a retract -d 'Close the tray of an optical drive'
 complete -c quarryctl -n $no_verb -a swapon -d 'Switch the swap file on the main partition on'
@@ -83,6 +83,8 @@ complete -c quarryctl -n $no_verb -a raw -d 'Send a request as it is'
 
 complete -c quarryctl -n '__quarryctl_verb_is list enumerate busy check' -l plain -d 'For scripts'
 complete -c quarryctl -n '__quarryctl_verb_is list enumerate busy check' -l json -d 'For programs'
+complete -c quarryctl -n '__quarryctl_verb_is check' -l root -x -a '(__fish_complete_directories)' \
+    -d 'Of an installation below this folder'
 complete -c quarryctl -n '__quarryctl_verb_is watch' -l interval -x -d 'How often to look, in seconds'
 complete -c quarryctl -n '__quarryctl_verb_is umount' -l force \
     -d 'End the processes that use it first'

@@ -59,8 +59,8 @@ plug() { wish plug "$@"; }
 MOTD = """
   A throw-away machine with sample drives, and quarryd is running. Break what you like.
 
-    q list human             what is there              q help   what else can be asked
-    q enumerate              the same by connection     q list   the same for programs
+    quarryctl list           what is there              quarryctl --help   what else it can do
+    quarryctl watch          the same, kept up to date  q help             the daemon's own requests
     pull stick, plug stick   take the USB stick out and put it back (or card, scsi, disk, dvd)
     sit, then pull stick     mount it, put a process on it, pull it: see who is driven out
     log                      what the daemon says; Ctrl-C ends the reading

@@ -99,9 +99,14 @@ def run(vm):
 def listings(tour):
     rows = machine_rows(tour.vm)
     tour.caption("Every drive and partition, for people")
+    table = tour.show("quarryctl list")
+    tour.check([line.split()[0] for line in table.splitlines()[1:]] == [row.dev for row in rows],
+               "all that lsblk knows, too")
+    tour.show("quarryctl mount rw ^HOLIDAY; quarryctl list | grep USB -A 2; quarryctl umount ^HOLIDAY")
+    tour.caption("What the daemon itself says to that")
     tour.check(tour.show("q list human") == human_text(rows),
                "just what lsblk, blkid and sysfs say of this machine")
-    tour.caption("The same for programs: fields between tabs, sizes in bytes, RAID state")
+    tour.caption("For programs: fields between tabs, sizes in bytes, RAID state")
     tour.check(tour.show("q list") == list_text(rows), "again the same")
     tour.caption("By connection, with sysfs paths (the format leaves NVMe and volumes out)")
     tour.check(tour.show("q enumerate") == enumerate_text(rows), "and again")

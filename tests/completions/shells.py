@@ -76,7 +76,8 @@ class Zsh(ShellOnTerminal):
     def __init__(self, folder, environment):
         super().__init__(["zsh", "-f", "-i"], folder, environment)
         self.run("unsetopt beep prompt_sp; stty -ixon")
-        self.run("fpath=(%s $fpath); autoload -U compinit; compinit -D -u" % shlex.quote(COMPLETIONS))
+        self.run("fpath=(%s $fpath)" % shlex.quote(COMPLETIONS))
+        self.run("autoload -U compinit; compinit -D -u")
         # A completer that puts all that it finds into the line.
         self.run("zle -C all complete-word _generic; bindkey '^G' all")
         self.run("zstyle ':completion:all:*' completer _all_matches _complete")

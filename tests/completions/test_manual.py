@@ -8,7 +8,7 @@ PAGE = os.path.join(os.path.dirname(__file__), "..", "..", "man", "quarryctl.1")
 
 
 def test_the_manual_describes_every_verb_and_option_of_the_client():
-    """A verb or an option that is new, renamed or gone is one that readers are told wrong things of."""
+    """Whatever is new or renamed there has its place in the page, too."""
     with open(PAGE, encoding="utf-8") as file:
         page = file.read()
     verbs, options = help_of()
