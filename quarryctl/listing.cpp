@@ -48,6 +48,18 @@ std::vector<Column> device_columns()
     };
 }
 
+// Drives fill up what they say of themselves with blanks, to the length of a field of a standard's:
+// that is of no use to people.
+static std::string without_filling(const std::string &model)
+{
+    std::string text;
+    for (char c : model) {
+        if (c != ' ' || (!text.empty() && text.back() != ' '))
+            text += c;
+    }
+    return text.ends_with(' ') ? text.substr(0, text.size() - 1) : text;
+}
+
 static std::string joined(const std::vector<std::string> &texts)
 {
     std::string result;
@@ -67,7 +79,7 @@ Row device_row(const ListedDevice &listed)
                  size_text(device.size),
                  device.filesystem,
                  device.label,
-                 device.model,
+                 without_filling(device.model),
                  device.place,
                  device.raid,
                  joined(listed.mountpoints)};
@@ -129,7 +141,7 @@ static Row enumeration_row(const Device &device, bool is_partition)
 {
     Row row;
     row.cells = {device.name,  is_partition ? "Partition" : device.type,
-                 device.label, device.model,
+                 device.label, without_filling(device.model),
                  device.place, device.sysfs_path};
     row.indent = partition_indent * (is_partition ? 2 : 1);
     row.paint = is_partition ? PAINT_NONE : PAINT_BOLD;

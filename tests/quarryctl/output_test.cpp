@@ -241,6 +241,23 @@ TEST(DeviceTable, ShowsPartitionsBelowTheirDrive)
               "sr0     CD-ROM                        ?\n");
 }
 
+TEST(DeviceTable, LeavesOutWhatModelsAreFilledUpWith)
+{
+    static const struct {
+        const char *model;
+        const char *shown;
+    } cases[] = {
+        {"QEMU HARDDISK   ", "QEMU HARDDISK"},
+        {"QEMU NVMe Ctrl              flash               ", "QEMU NVMe Ctrl flash"},
+        {" WD  10EZ", "WD 10EZ"},
+        {"   ", ""},
+    };
+    for (const auto &c : cases) {
+        const Device device = {"sda", "", "", "", 0, c.model, "", "", "", ""};
+        EXPECT_EQ(device_row({device, "", {}}).cells[6], c.shown);
+    }
+}
+
 static Device labelled(const std::string &name, const std::string &label)
 {
     Device device;
