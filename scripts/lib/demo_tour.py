@@ -229,7 +229,7 @@ cd / && umount /run/prepare""" % part)
     print("quarry# quarryd --hotplug &", flush=True)
     tour.daemon = vm.daemon(["--hotplug"], conf=CONFIGURATION)
     tour.mark = 0
-    text = tour.new_lines("Found main partition", 20)
+    text = tour.new_lines("Found main partition", 60)
     vm.wait_until(lambda: vm.sh("[ -s /var/log/site ]", check=False).rc == 0, 10)
     tour.check("Found main partition on %s part %s\n" % (vm.node("disk"), part) in text,
                "it was found by its signature")
