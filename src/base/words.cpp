@@ -31,10 +31,10 @@ void skip_run(std::string_view &rest, char separator)
     rest.remove_prefix(start == std::string_view::npos ? rest.size() : start);
 }
 
-void mask_controls(std::string &text, size_t start)
+void mask_controls(std::string &text)
 {
     std::replace_if(
-        text.begin() + static_cast<ptrdiff_t>(start), text.end(),
+        text.begin(), text.end(),
         [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '_');
 }
 

@@ -2,7 +2,6 @@
 #ifndef QUARRYD_BASE_WORDS_H
 #define QUARRYD_BASE_WORDS_H
 
-#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,9 +17,9 @@ std::string_view take_field(std::string_view &rest, char separator);
 // Drops every leading separator.
 void skip_run(std::string_view &rest, char separator);
 
-// Puts "_" in the place of each control character of text, from start on. What a drive or a medium
-// says of itself is shown in rows and columns, which such a character would break.
-void mask_controls(std::string &text, size_t start = 0);
+// Puts "_" in the place of each control character. What a drive or a medium says of itself is shown
+// in rows and columns, which such a character would break.
+void mask_controls(std::string &text);
 
 // The name of a device as the registry knows it: without "/dev/" when the word begins with that.
 std::string strip_dev(const std::string &word);

@@ -5,7 +5,6 @@
 #include <initializer_list>
 #include <string_view>
 
-#include "base/words.h"
 #include "inspect/label_probe.h"
 #include "inspect/optical_medium.h"
 #include "inspect/raid_members.h"
@@ -59,9 +58,7 @@ static void append_fields(std::string &reply, const char *prefix,
     const char *separator = "";
     for (std::string_view field : fields) {
         reply += separator;
-        const size_t start = reply.size();
         reply += field;
-        mask_controls(reply, start);
         separator = "\t";
     }
     reply += '\n';
@@ -79,7 +76,6 @@ static void append_plain_row(std::string &reply, const ListingRow &row)
 static void append_human_row(std::string &reply, const ListingRow &row)
 {
     const BlockDevice &device = row.device;
-    const size_t start = reply.size();
     reply += "OK- ";
     reply += lpadded(device.device, WIDTH_DEVICE) + ' ';
     reply += lpadded(row.type, WIDTH_TYPE) + ' ';
@@ -88,9 +84,7 @@ static void append_human_row(std::string &reply, const ListingRow &row)
     reply += lpadded(capacity_text(row.bytes), WIDTH_CAPACITY) + ' ';
     reply += lpadded(device.model, WIDTH_MODEL) + ' ';
     reply += lpadded(device.place, WIDTH_PLACE) + ' ';
-    reply += lpadded(device.filesystem, WIDTH_FILESYSTEM);
-    mask_controls(reply, start);
-    reply += '\n';
+    reply += lpadded(device.filesystem, WIDTH_FILESYSTEM) + '\n';
 }
 
 static bool is_empty_optical_drive(const BlockDevice &drive, const std::string &path)

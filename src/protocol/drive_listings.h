@@ -3,7 +3,6 @@
 // Making a listing is not passive: a device whose filesystem is not known yet is given to the label
 // probe program first, so the first listing after a drive has come is when its label is learnt.
 // Each such device costs one run of that program; a drive that somebody has open is left alone.
-// A control character in what a device says of itself is shown as "_", so that it ends no row.
 #ifndef QUARRYD_PROTOCOL_DRIVE_LISTINGS_H
 #define QUARRYD_PROTOCOL_DRIVE_LISTINGS_H
 

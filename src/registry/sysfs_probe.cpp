@@ -9,6 +9,7 @@
 #include "base/daemon_state.h"
 #include "base/directory.h"
 #include "base/small_files.h"
+#include "base/words.h"
 #include "inspect/raid_members.h"
 
 static const unsigned long long capacity_unknown = ~0ULL;
@@ -139,11 +140,20 @@ static std::string ide_type(const std::string &media)
     return "Unknown";
 }
 
+// What a drive calls itself: the kernel hands it on as the device tells it, and the card that has a
+// line end in its name must not end a row of a listing.
+static std::string read_name(const std::string &path)
+{
+    std::string name = read_sysfs_text(path);
+    mask_controls(name);
+    return name;
+}
+
 // Model and serial number, with the blank between them even when one of the two is missing.
 static std::string model_and_serial(const std::string &device_path)
 {
-    const std::string model = read_sysfs_text(device_path + "/model");
-    return model + " " + read_sysfs_text(device_path + "/serial");
+    const std::string model = read_name(device_path + "/model");
+    return model + " " + read_name(device_path + "/serial");
 }
 
 void probe_drive(BlockDevice &drive)
@@ -169,11 +179,11 @@ void probe_drive(BlockDevice &drive)
         break;
     case CONNECTION_SCSI:
         drive.type = drive.device.starts_with("sr") ? "CD-ROM" : "Hard Drive";
-        drive.model = read_sysfs_text(device_path + "/model");
+        drive.model = read_name(device_path + "/model");
         break;
     case CONNECTION_MMC:
         drive.type = "Hard Drive";
-        drive.model = read_sysfs_text(device_path + "/name");
+        drive.model = read_name(device_path + "/name");
         break;
     case CONNECTION_NVME:
         drive.type = "Hard Drive";
@@ -181,7 +191,7 @@ void probe_drive(BlockDevice &drive)
         break;
     case CONNECTION_LVM:
         drive.type = "Logical Volume";
-        drive.model = read_sysfs_text(drive.sysfs_path + "/dm/name");
+        drive.model = read_name(drive.sysfs_path + "/dm/name");
         break;
     default: // md: it has no model
         drive.type = "Hard Drive";

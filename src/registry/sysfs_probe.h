@@ -6,8 +6,9 @@
 
 // Sets sysfs_path, place, connection, type, model and capacity of a drive; label and filesystem
 // are emptied, so that the next listing asks for them again. What cannot be read is empty, an
-// unreadable size 0; a name of no known kind keeps a capacity of all bits set and no connection.
-// The slaves of an md array are remembered as active RAID members.
+// unreadable size 0; a control character in the model becomes "_"; a name of no known kind keeps a
+// capacity of all bits set and no connection. The slaves of an md array are remembered as active
+// RAID members.
 void probe_drive(BlockDevice &drive);
 
 // Sets place, size and model of a partition and empties its label and filesystem. Without a parent

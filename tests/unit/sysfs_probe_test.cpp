@@ -198,6 +198,23 @@ TEST_F(SysfsProbe, CardAndVolume)
     EXPECT_EQ(volume.capacity, 102400U);
 }
 
+// A card or a drive may call itself anything; what would end a row or a column of a listing, or
+// command a terminal, is masked.
+TEST_F(SysfsProbe, NoModelEndsItsRow)
+{
+    machine.Write("/sys/block/mmcblk0/device/name", "a\nOK  \n");
+    machine.Write("/sys/block/nvme0n1/device/model", "\x1b[2J\tx\x7f\n");
+    machine.Write("/sys/block/nvme0n1/device/serial", "\r\xc3\xa4\n");
+    machine.Write("/sys/block/sda/device/model", "\x01 ~\n");
+    machine.Write("/sys/block/hda/device/model", "\x1f\n");
+    machine.Write("/sys/block/dm-0/dm/name", "group\nhome\n");
+    EXPECT_EQ(Probe("mmcblk0").model, "a_OK  ");
+    EXPECT_EQ(Probe("nvme0n1").model, "_[2J_x_ _\xc3\xa4");
+    EXPECT_EQ(Probe("sda").model, "_ ~");
+    EXPECT_EQ(Probe("hda").model, "_ ");
+    EXPECT_EQ(Probe("dm-0").model, "group_home");
+}
+
 // An array has no model; its slaves become active members, whatever they were.
 TEST_F(SysfsProbe, ArrayMakesItsSlavesActive)
 {
