@@ -20,7 +20,8 @@ def path(name):
 
 
 PACKAGES = ("cmake", "g++", "make", "pkg-config", "libblkid-dev", "libcli11-dev",
-            "nlohmann-json3-dev", "strace", "util-linux")
+            "nlohmann-json3-dev", "strace", "util-linux",
+            "e2fsprogs", "dosfstools")
 
 
 def build():

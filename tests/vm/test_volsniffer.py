@@ -99,3 +99,41 @@ def test_nothing_there(fresh):
     result = sniff(fresh, "/dev/nonexistent")
     assert (result.rc != 0, result.out) == (True, "")
     assert sniff(fresh, "/dev/" + fresh.parts("all")[-1]).out in ("", "\n")
+
+
+def test_a_volume_that_never_answers(fresh):
+    """A suspended volume holds back every read: five seconds later the probe has left, and nobody
+    who reads its output waits for the process that it had to leave behind."""
+    vm = fresh
+    part = vm.parts("all")[0]
+    vm.sh("echo 0 $(blockdev --getsz /dev/%s) linear /dev/%s 0 | "
+          "dmsetup --noudevsync create dying; dmsetup mknodes; "
+          "dmsetup suspend --noflush --nolockfs dying" % (part, part))
+    began = time.monotonic()
+    result = vm.sh("/usr/bin/volsniffer /dev/mapper/dying --fs 2>/run/rig/complaint | cat; "
+                   "echo ${PIPESTATUS[0]}")
+    assert result.out == "7\n" and 4.9 < time.monotonic() - began < 8
+    assert vm.text("/run/rig/complaint") == (
+        "Cannot read /dev/mapper/dying: no answer within five seconds\n")
+    left = vm.sh("pgrep volsniffer; true").out.split()
+    assert len(left) <= 1                       # a kernel that can take the read back leaves none
+    vm.sh("dmsetup resume dying")
+    vm.wait_until(lambda: vm.sh("pgrep volsniffer; true").out == "", 5)
+    assert vm.sh("/usr/bin/volsniffer /dev/mapper/dying").out == KINDS[0][1] + "\n"
+    vm.sh("dmsetup remove --noudevsync dying")
+
+
+def test_block_devices_are_read_without_rights(fresh):
+    """What libblkid asks /sys about a drive or a partition, it asks before it reads; afterwards
+    nothing is opened, and nothing fails for want of rights."""
+    for path in ("/dev/" + fresh.node("all"), "/dev/" + fresh.parts("all")[2]):
+        fresh.sh("strace -f -qq -o /run/rig/trace /usr/bin/volsniffer %s --fs" % path)
+        calls = fresh.text("/run/rig/trace").splitlines()
+        reader = next(line.split()[0] for line in calls if "CDROM_DRIVE_STATUS" in line)
+        own = [line.split(None, 1)[1] for line in calls if line.split()[0] == reader]
+        limited = max(i for i, call in enumerate(own) if "RLIMIT_NOFILE" in call)
+        assert any(call.startswith("openat") for call in own[:limited])
+        assert {call.split("(")[0] for call in own[limited + 1:]} <= {
+            "read", "lseek", "pread64", "brk", "mmap", "munmap", "madvise", "close", "exit", "ioctl",
+            "prlimit64", "setrlimit", "prctl"}
+        assert not any("EMFILE" in call or "EPERM" in call or "EACCES" in call for call in own)
