@@ -1,0 +1,212 @@
+"""Drives that fail: unreadable ones, ones that break while they are in use, ones that are slow or
+give no answer at all, and more of them at once than anybody owns."""
+import os
+import threading
+import time
+
+import pytest
+
+from expected import difference, wait_for_agreement
+from mounts import entries_of_mnt, mounted_as, reply_to
+from rig import Disk
+
+DISKS = [Disk("virtio-scsi", 64 << 20, id="below"), Disk("virtio-scsi", 32 << 20, id="sound")]
+MOUNTED = "OK mount succeeded\n\n"
+UNMOUNTED = "OK unmount succeeded\n"
+NO_ROW = None
+
+
+class Volume:
+    """A device-mapper volume over a drive, which a test lets fail. Its name is dm-N."""
+
+    def __init__(self, vm, kind="ext4"):
+        self.vm, self.below = vm, vm.node("below")
+        self.sectors = int(vm.text("/sys/block/%s/size" % self.below))
+        vm.sh("modprobe -a dm_mod dm_delay; mkfs.%s -q -L VOLUME /dev/%s" % (kind, self.below))
+        vm.sh("dmsetup --noudevsync create volume --table '%s' && dmsetup mknodes" % self.linear())
+        self.name = os.path.basename(vm.sh("readlink -f /dev/mapper/volume; ls -d /sys/block/dm-*")
+                                     .out.split()[-1])
+
+    def linear(self, first=0):
+        return "%d %d linear /dev/%s %d" % (first, self.sectors - first, self.below, first)
+
+    def becomes(self, *lines):
+        """From now on it is what these lines of a table say. What was on its way gets there."""
+        self.vm.sh("dmsetup suspend --nolockfs volume && dmsetup --noudevsync load volume <<E\n"
+                   "%s\nE\ndmsetup --noudevsync resume volume" % "\n".join(lines))
+
+    def stand_still(self):
+        """Whoever reads or writes waits, until go_on."""
+        self.vm.sh("dmsetup suspend --noflush --nolockfs volume")
+
+    def go_on(self):
+        self.vm.sh("dmsetup --noudevsync resume volume")
+
+
+def row(vm, name):
+    """The fields of a device in the list, or None."""
+    return next((fields for fields in (line.split("\t") for line in
+                                       vm.request("list", timeout=40).splitlines())
+                 if name in fields[:3]), NO_ROW)
+
+
+def test_unreadable_start(fresh):
+    """Of a volume whose first megabyte cannot be read the list says that it is there, and no more;
+    a mount is tried and refused, and nothing stays mounted or hangs."""
+    volume = Volume(fresh)
+    volume.becomes("0 2048 error", volume.linear(2048))
+    daemon = fresh.daemon()
+    assert row(fresh, volume.name)[4:5] + row(fresh, volume.name)[-1:] == ["", " "]
+    reply, lines = reply_to(fresh, daemon, "mount rw " + volume.name, timeout=60)
+    assert reply == "ERR mount failed\n" and any("failed: " in line for line in lines)
+    assert mounted_as(fresh, volume.name) is None and not difference(fresh)
+    assert daemon.stop() == 0 and entries_of_mnt(fresh) == {}
+
+
+@pytest.mark.long
+def test_drive_breaks_while_in_use(fresh):
+    """A volume that breaks while it is written to stays in the list and can be unmounted; when it
+    works again, it mounts again, and what had been synced is there."""
+    volume, daemon = Volume(fresh), fresh.daemon()
+    assert fresh.request("mount rw " + volume.name) == MOUNTED
+    fresh.sh("cd /mnt/%s && echo kept >file && sync -f file" % volume.name)
+    before = row(fresh, volume.name)
+    volume.becomes("0 %d error" % volume.sectors)
+    assert fresh.sh("echo lost >/mnt/%s/other && sync -f /mnt/%s" % (volume.name, volume.name),
+                    check=False).rc != 0
+    assert row(fresh, volume.name) == before
+    assert fresh.request("mount rudeoff " + volume.name, timeout=40) == UNMOUNTED
+    assert fresh.request("mount rw " + volume.name, timeout=60).startswith("ERR ")
+    volume.becomes(volume.linear())
+    assert fresh.request("mount rw " + volume.name, timeout=60) == MOUNTED
+    assert fresh.text("/mnt/%s/file" % volume.name) == "kept\n"
+    assert daemon.stop() == 0 and entries_of_mnt(fresh) == {}
+
+
+@pytest.mark.long
+def test_drive_breaks_before_the_end(fresh):
+    """The daemon's end unmounts a volume that does not work any more like any other."""
+    volume, daemon = Volume(fresh), fresh.daemon()
+    assert fresh.request("mount rw " + volume.name) == MOUNTED
+    fresh.sh("echo unsynced >/mnt/%s/file" % volume.name)
+    volume.becomes("0 %d error" % volume.sectors)
+    assert daemon.stop(60) == 0
+    assert mounted_as(fresh, volume.name) is None and entries_of_mnt(fresh) == {}
+
+
+@pytest.mark.long
+def test_drive_that_stands_still(fresh):
+    """A known volume that gives no answer costs the listings and the other drives nothing; who
+    asks for that volume waits until it goes on, and then gets what he asked for."""
+    volume, daemon = Volume(fresh), fresh.daemon()
+    sound = fresh.node("sound")
+    fresh.sh("mkfs.ext4 -q -L SOUND /dev/" + sound)
+    assert fresh.request("mount rw " + volume.name) == MOUNTED
+    fresh.sh("echo written >/mnt/%s/file" % volume.name)
+    fresh.request("list")
+    volume.stand_still()
+    began = time.monotonic()
+    for _ in range(3):
+        assert row(fresh, volume.name)[4] == "VOLUME"
+    assert fresh.request("mount rw " + sound) == MOUNTED
+    assert fresh.request("umount " + sound) == UNMOUNTED
+    assert time.monotonic() - began < 10
+    waker = threading.Timer(3, volume.go_on)
+    began = time.monotonic()
+    waker.start()
+    assert fresh.request("umount " + volume.name, timeout=40) == UNMOUNTED
+    assert time.monotonic() - began > 2.5
+    waker.join()
+    assert daemon.alive() and not difference(fresh) and entries_of_mnt(fresh) == {}
+
+
+@pytest.mark.long
+def test_drive_that_stands_still_at_the_end(fresh):
+    """The daemon's end waits for a volume that has something to write and gives no answer, and
+    loses nothing of it."""
+    volume, daemon = Volume(fresh), fresh.daemon()
+    assert fresh.request("mount rw " + volume.name) == MOUNTED
+    fresh.sh("echo written >/mnt/%s/file" % volume.name)
+    volume.stand_still()
+    waker = threading.Timer(4, volume.go_on)
+    waker.start()
+    began = time.monotonic()
+    assert daemon.stop(60) == 0
+    assert time.monotonic() - began > 3
+    waker.join()
+    assert entries_of_mnt(fresh) == {}
+    fresh.sh("mount /dev/%s /mnt" % volume.name)
+    assert fresh.text("/mnt/file") == "written\n"
+    fresh.sh("umount /mnt")
+
+
+@pytest.mark.long
+def test_slow_drive(fresh):
+    """A volume that needs a third of a second for everything is listed, mounted and unmounted like
+    any other."""
+    volume = Volume(fresh)
+    volume.becomes("0 %d delay /dev/%s 0 300" % (volume.sectors, volume.below))
+    fresh.daemon()
+    assert row(fresh, volume.name)[4] == "VOLUME"
+    assert fresh.request("mount rw " + volume.name, timeout=60) == MOUNTED
+    assert mounted_as(fresh, volume.name) == ("ext4", "rw")
+    assert fresh.request("umount " + volume.name, timeout=60) == UNMOUNTED
+
+
+@pytest.mark.long
+def test_drive_whose_commands_time_out(fresh):
+    """A SCSI drive that lets every command time out, unknown or mounted, makes the daemon wait no
+    longer than the kernel does, and comes back when it answers again."""
+    before = set(fresh.sh("ls /sys/block").out.split())
+    fresh.sh("modprobe scsi_debug dev_size_mb=48 && until [ $(ls /sys/block | wc -l) -gt %d ]; do "
+             "sleep 0.1; done" % len(before))
+    name = (set(fresh.sh("ls /sys/block").out.split()) - before).pop()
+    control = "/sys/bus/pseudo/drivers/scsi_debug/"
+    try:
+        fresh.sh("until [ -b /dev/%s ]; do sleep 0.1; done; mkfs.ext4 -q -L DEBUG /dev/%s; "
+                 "echo 2 >/sys/block/%s/device/timeout" % (name, name, name))
+        daemon = fresh.daemon()
+        assert fresh.request("mount rw " + name) == MOUNTED
+        fresh.sh("echo kept >/mnt/%s/file; sync -f /mnt/%s; echo 3 >/proc/sys/vm/drop_caches; "
+                 "echo 1 >%severy_nth; echo 4 >%sopts" % (name, name, control, control))
+        assert row(fresh, name)[4] == "DEBUG"
+        began = time.monotonic()
+        fresh.request("refresh", timeout=300)
+        assert fresh.request("umount " + name, timeout=300) == UNMOUNTED
+        print("refreshed and unmounted after %.0f s" % (time.monotonic() - began))
+        fresh.sh("echo 0 >%sopts; echo 0 >%severy_nth; echo running >/sys/block/%s/device/state"
+                 % (control, control, name))
+        assert fresh.request("mount ro " + name, timeout=60) == MOUNTED
+        assert fresh.text("/mnt/%s/file" % name) == "kept\n"
+        assert daemon.stop(60) == 0 and entries_of_mnt(fresh) == {}
+    finally:
+        fresh.sh("echo 0 >%sopts; rmmod scsi_debug" % control, check=False)
+
+
+@pytest.mark.long
+@pytest.mark.parametrize("mode", ["hotplug", "polling"])
+def test_storm_of_events(fresh, mode):
+    """Twenty-four drives that come at once and go at once, and hundreds of events that mean nothing
+    between: clients are served meanwhile, and in the end the list agrees with /sys/block."""
+    fresh.udevd()
+    daemon = fresh.daemon(["--" + mode])
+    before = fresh.request("list")
+    slowest = 0
+    for command in ("modprobe scsi_debug dev_size_mb=8 num_tgts=6 max_luns=4",
+                    "for n in $(seq 5); do udevadm trigger --action=change -s block; "
+                    "udevadm trigger --action=add -s block; done", "rmmod scsi_debug"):
+        worker = threading.Thread(target=fresh.sh, args=(command, 200))
+        worker.start()
+        while worker.is_alive():
+            began = time.monotonic()
+            assert fresh.request("help", timeout=60).startswith("OK")
+            slowest = max(slowest, time.monotonic() - began)
+        worker.join()
+        fresh.sh("udevadm settle --timeout=100", 120)
+        if command.startswith("modprobe"):
+            fresh.wait_until(lambda: fresh.sh("ls /sys/block | grep -c ^sd", check=False).out
+                             .strip() >= "26", 60)
+        fresh.wait_until(lambda: not difference(fresh), 90, lambda: difference(fresh))
+    print("the longest answer took %.1f s" % slowest)
+    wait_for_agreement(fresh)
+    assert fresh.request("list") == before and daemon.alive() and "BUG" not in daemon.err()
