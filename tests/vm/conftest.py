@@ -5,6 +5,7 @@ A test module may define
     def drives(folder): ...      which makes images in the folder and returns that list
     ROOT_BUS = "virtio"          or "sata", "nvme"
     MEM = 768   APPEND = ""
+    SYSTEMD = True               systemd is process 1, and the daemon is not installed yet
 and its tests ask for `vm` (one machine for the whole module), `fresh` (that machine, cleaned
 before each test) or `vm_factory` (machines of their own).
 """
@@ -39,8 +40,10 @@ def vm(request, image, tmp_path_factory):
         disks = module.drives(str(tmp_path_factory.mktemp("images")))
     else:
         disks = getattr(module, "DISKS", [])
+    systemd = getattr(module, "SYSTEMD", False)
     with VM(disks, root_bus=getattr(module, "ROOT_BUS", "virtio"),
-            mem=getattr(module, "MEM", 768), append=getattr(module, "APPEND", "")) as machine:
+            mem=getattr(module, "MEM", 768), append=getattr(module, "APPEND", ""),
+            systemd=systemd, install=not systemd) as machine:
         _times.append((module.__name__, machine.boot_seconds))
         yield machine
 

@@ -1,5 +1,5 @@
-"""Process 1 of the guest (a service of systemd's where that is there): does what the host asks, reaps
-orphans, keeps the system log (systemd keeps one of its own).
+"""Process 1 of the guest (where systemd is that, one of its services): does what the host asks,
+reaps orphans, keeps the system log (systemd keeps one of its own).
 
 JSON lines over the virtio-serial port: {"n": number, "op": name, ...} in, {"n": number, ...} out.
 Each request is served by a thread of its own, so answers may come in another order. Only what is
