@@ -47,10 +47,13 @@ class Tour:
         """What the daemon says from now on is new."""
         self.mark = len(self.daemon.err())
 
-    def new_lines(self, until="", timeout=10):
-        """Waits until the daemon's log says something, and prints and returns what is new."""
+    def new_lines(self, *until, timeout=10):
+        """Waits until the daemon's log says certain things, and prints and returns what is new."""
+        def all_said():
+            text = self.daemon.err()[self.mark:]
+            return all(words in text for words in until)
         try:
-            self.vm.wait_until(lambda: until in self.daemon.err()[self.mark:], timeout, step=0.2)
+            self.vm.wait_until(all_said, timeout, step=0.2)
         except TimeoutError:
             pass
         text = self.daemon.err()[self.mark:]
@@ -229,7 +232,7 @@ cd / && umount /run/prepare""" % part)
     print("quarry# quarryd --hotplug &", flush=True)
     tour.daemon = vm.daemon(["--hotplug"], conf=CONFIGURATION)
     tour.mark = 0
-    text = tour.new_lines("Found main partition", 60)
+    text = tour.new_lines("Found main partition", timeout=60)
     vm.wait_until(lambda: vm.sh("[ -s /var/log/site ]", check=False).rc == 0, 10)
     tour.check("Found main partition on %s part %s\n" % (vm.node("disk"), part) in text,
                "it was found by its signature")
@@ -268,8 +271,9 @@ def pulled_in_hotplug_mode(tour):
     tour.listen()
     print("(udevd runs, and the stick is pulled)", flush=True)
     vm.unplug("stick")
-    text = tour.new_lines("Device %s just disappeared" % name)
-    tour.check("Notify remove %s parent %s\n" % (name, name) in text, "udev's rule told the daemon")
+    told = "Notify remove %s parent %s\n" % (name, name)
+    text = tour.new_lines("Device %s just disappeared" % name, told)
+    tour.check(told in text, "udev's rule told the daemon")
     tour.check(vm.sh("grep %s /proc/mounts; ls -d /mnt/%s" % (part, part), check=False).out == "",
                "a second later it is unmounted and forgotten")
 
