@@ -57,23 +57,13 @@ protected:
         machine.AddPartition("sdb", "sdb1", "100");
         machine.AddPartition("sdb", "sdb2", "200");
     }
-
-    void MakeMember(const std::string &name)
-    {
-        std::string bytes(8192, '\0');
-        bytes.replace(0, 12, std::string("\xFC\x4E\x2B\xA9\x01\0\0\0\x02\0\0\0", 12));
-        machine.Write("/dev/" + name, bytes);
-    }
 };
 
 // A new drive gets a record with everything that can be known of it, its partitions as well.
 TEST_F(DeviceList, NewDriveIsMetAndProbed)
 {
     AddStick();
-    std::string sector(1024, '\0');
-    sector[446 + 4] = '\x83';
-    sector.replace(510, 2, "\x55\xAA");
-    machine.Write("/dev/sdb", sector);
+    machine.WriteBootRecord("sdb", {'\x83'});
     machine.Write("/sys/block/sdb/device/model", "Ultra Fit\n");
     UpdateBlockDeviceList();
     EXPECT_EQ(Drives(), Words({"sdb"}));
@@ -144,11 +134,11 @@ TEST_F(DeviceList, KnownDriveIsNotProbedAgain)
 TEST_F(DeviceList, NewDevicesAreCheckedForRaid)
 {
     AddStick();
-    MakeMember("sdb1");
+    machine.WriteMdSuperblock("sdb1");
     raid_members = {{"sdb", true}, {"sdb2", true}, {"sdc", true}};
     UpdateBlockDeviceList();
     EXPECT_EQ(raid_members, (std::map<std::string, bool>{{"sdb1", false}, {"sdc", true}}));
-    MakeMember("sdb2");
+    machine.WriteMdSuperblock("sdb2");
     UpdateBlockDeviceList(); // it is not new any more
     EXPECT_EQ(raid_text("sdb2"), "");
 }
@@ -545,12 +535,8 @@ TEST_F(DeviceList, RefreshTellsRunningArraysAnew)
 // between them gets its text when it is probed, on purpose.
 TEST_F(DeviceList, TableTextsReachPlainNamesOnly)
 {
-    std::string sector(1024, '\0');
-    sector[446 + 4] = '\x83';
-    sector[446 + 16 + 4] = '\x07';
-    sector.replace(510, 2, "\x55\xAA");
     for (const char *name : {"sda", "mmcblk0"}) {
-        machine.Write(std::string("/dev/") + name, sector);
+        machine.WriteBootRecord(name, {'\x83', '\x07'});
         blockdev_list[name] = new BlockDevice(name);
     }
     for (const char *name : {"sda1", "sda2", "sda3", "sdb1", "mmcblk0p1", "mmcblk01"})

@@ -52,13 +52,6 @@ protected:
         machine.AddDrive("sdb", "1000");
         machine.AddPartition("sdb", "sdb1", "100");
     }
-
-    static void MakeMember(MadeUpMachine &machine, const std::string &name)
-    {
-        std::string bytes(8192, '\0');
-        bytes.replace(0, 12, std::string("\xFC\x4E\x2B\xA9\x01\0\0\0\x02\0\0\0", 12));
-        machine.Write("/dev/" + name, bytes);
-    }
 };
 
 // The drive is the name without its number, except where the drive's own name ends in one.
@@ -124,10 +117,7 @@ TEST_F(HotplugNotice, ParentFollowsTheName)
 TEST_F(HotplugNotice, PartitionOfAnUnknownDriveBringsIt)
 {
     AddStick();
-    std::string sector(1024, '\0');
-    sector[446 + 4] = '\x83';
-    sector.replace(510, 2, "\x55\xAA");
-    machine.Write("/dev/sdb", sector);
+    machine.WriteBootRecord("sdb", {'\x83'});
     machine.Write("/sys/block/sdb/device/model", "Ultra Fit\n");
     take_hotplug_notice("add", "sdb1");
     EXPECT_EQ(errors.Take(), "Notify add sdb1 parent sdb\n"
@@ -330,8 +320,8 @@ TEST_F(HotplugNotice, ArrayMembershipIsLookedAtAnew)
 
     machine.AddDrive("sdc", "1000");
     machine.AddPartition("sdc", "sdc1", "100");
-    MakeMember(machine, "sdc");
-    MakeMember(machine, "sdc1");
+    machine.WriteMdSuperblock("sdc");
+    machine.WriteMdSuperblock("sdc1");
     raid_members["sdc1"] = true;
     take_hotplug_notice("add", "sdc1");
     EXPECT_EQ(raid_members, (std::map<std::string, bool>{{"sdc", false}, {"sdc1", false}}));
@@ -462,7 +452,7 @@ TEST_F(HotplugNotice, RescanUnmountsNothingThatIsThere)
 TEST_F(HotplugNotice, NamesakeKeepsTheArrayMembership)
 {
     machine.AddDrive("nvme0n1", "1000");
-    MakeMember(machine, "nvme0n1");
+    machine.WriteMdSuperblock("nvme0n1");
     UpdateBlockDeviceList();
     take_hotplug_notice("add", "nvme0n1");
     UpdateBlockDeviceList();

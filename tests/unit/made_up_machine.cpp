@@ -191,6 +191,25 @@ void MadeUpMachine::AddPartition(const std::string &drive, const std::string &na
     fs::resize_file(RealPath("/dev/" + name), 1 << 20);
 }
 
+void MadeUpMachine::WriteBootRecord(const std::string &name, std::initializer_list<char> types)
+{
+    std::string sectors(1024, '\0');
+    size_t entry = 446;
+    for (const char type : types) {
+        sectors[entry + 4] = type;
+        entry += 16;
+    }
+    sectors.replace(510, 2, "\x55\xAA");
+    Write("/dev/" + name, sectors);
+}
+
+void MadeUpMachine::WriteMdSuperblock(const std::string &name)
+{
+    std::string bytes(8192, '\0');
+    bytes.replace(0, 12, std::string("\xFC\x4E\x2B\xA9\x01\0\0\0\x02\0\0\0", 12));
+    Write("/dev/" + name, bytes);
+}
+
 void MadeUpMachine::AddProcess(int pid, const std::string &command,
                                std::initializer_list<std::string> open_files)
 {

@@ -104,6 +104,11 @@ public:
     void AddPartition(const std::string &drive, const std::string &name,
                       const std::string &sectors);
 
+    // What stands on a device that is there or not: a DOS partition table with primary partitions
+    // of these types, or the superblock of an md array, in its version 1.2.
+    void WriteBootRecord(const std::string &name, std::initializer_list<char> types);
+    void WriteMdSuperblock(const std::string &name);
+
     // A process with a command line of one word and open files of these names.
     void AddProcess(int pid, const std::string &command,
                     std::initializer_list<std::string> open_files);

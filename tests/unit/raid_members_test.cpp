@@ -3,15 +3,7 @@
 
 #include "made_up_machine.h"
 
-class RaidMembers : public MadeUpMachineTest {
-protected:
-    void MakeMember(const std::string &name)
-    {
-        std::string bytes(8192, '\0');
-        bytes.replace(0, 12, std::string("\xFC\x4E\x2B\xA9\x01\0\0\0\x02\0\0\0", 12));
-        machine.Write("/dev/" + name, bytes);
-    }
-};
+using RaidMembers = MadeUpMachineTest;
 
 // A name never seen has no text: it is not an inactive member.
 TEST_F(RaidMembers, TextTellsThreeCases)
@@ -49,7 +41,7 @@ TEST_F(RaidMembers, ForgettingIsFinalAndHarmless)
 // it is active.
 TEST_F(RaidMembers, SuperblockMakesAnInactiveMember)
 {
-    MakeMember("sdb1");
+    machine.WriteMdSuperblock("sdb1");
     check_raid_participation("sdb1");
     EXPECT_EQ(raid_text("sdb1"), "Inactive RAID");
     raid_members["sdb1"] = true;
