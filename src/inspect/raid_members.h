@@ -18,8 +18,8 @@ std::string raid_text(const std::string &name);
 // Forgets what was known of the name.
 void forget_raid(const std::string &name);
 
-// Looks for a superblock on "/dev/" + name and remembers an inactive member when there is one.
-// Says so on stderr when the device cannot be opened.
+// Forgets what was known of the name, looks for a superblock on "/dev/" + name, and remembers an
+// inactive member when there is one. Says so on stderr when the device cannot be opened.
 void check_raid_participation(const std::string &name);
 
 #endif

@@ -108,14 +108,10 @@ static void command_refresh(SocketConnection &connection)
         return;
     }
     raid_members.clear();
-    for (const auto &[name, drive] : blockdev_list) {
-        forget_raid(name);
+    for (const auto &[name, drive] : blockdev_list)
         check_raid_participation(name);
-    }
-    for (const auto &[name, partition] : partdev_list) {
-        forget_raid(name);
+    for (const auto &[name, partition] : partdev_list)
         check_raid_participation(name);
-    }
     read_kernel_tables();
     UpdateBlockDeviceList();
     scan_raid_slaves();

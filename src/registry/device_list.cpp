@@ -34,7 +34,6 @@ static BlockDevice *meet_drive(const std::string &name)
     say_appeared(name);
     read_partition_table(*drive);
     probe_drive(*drive);
-    forget_raid(name);
     check_raid_participation(name);
     blockdev_list[name] = drive;
     li = blockdev_list.find(name);
@@ -48,7 +47,6 @@ static void meet_partition(const std::string &name, BlockDevice *drive, int driv
     if (pi == partdev_list.end()) {
         PartitionDevice *partition = new PartitionDevice(name);
         say_appeared(name);
-        forget_raid(name);
         check_raid_participation(name);
         partdev_list[name] = partition;
         pi = partdev_list.find(name);

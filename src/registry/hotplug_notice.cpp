@@ -33,7 +33,6 @@ static PartitionDevice *meet_partition(const std::string &name, const std::strin
             parent.c_str());
     partition = new PartitionDevice(name);
     rescan_soon();
-    forget_raid(name);
     check_raid_participation(name);
     partdev_list[name] = partition;
     return partition;
@@ -55,7 +54,6 @@ static BlockDevice *meet_drive(const std::string &name, bool is_added)
     read_partition_table(*drive);
     probe_drive(*drive);
     blockdev_list[name] = drive;
-    forget_raid(name);
     check_raid_participation(name);
     return drive;
 }
