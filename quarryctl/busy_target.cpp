@@ -4,6 +4,7 @@
 #include <climits>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include "base/directory.h"
 #include "base/small_files.h"
@@ -51,6 +52,29 @@ static std::string follow_links(std::string path, const std::string &folder)
     return path;
 }
 
+// The name that the kernel gives to a device by its number: "sdb1" for "8:17". "" without one.
+static std::string name_of_number(const std::string &number)
+{
+    const std::string folder = link_target("/sys/dev/block/" + number);
+    std::string name = folder.substr(folder.rfind('/') + 1);
+    std::replace(name.begin(), name.end(), '!', '/');
+    return name;
+}
+
+// The name of the device of a node. A node may be called otherwise, and yet be no link: there is
+// not always a udev.
+static std::string name_of_node(const std::string &word)
+{
+    const std::string path =
+        follow_links(plain_path(word.starts_with('/') ? word : "/dev/" + word), "/dev/");
+    struct stat status;
+    std::string name;
+    if (path.starts_with("/dev/") && stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode))
+        name = name_of_number(std::to_string(major(status.st_rdev)) + ":" +
+                              std::to_string(minor(status.st_rdev)));
+    return name.empty() ? strip_dev(path) : name;
+}
+
 // In sysfs a slash of a name is a "!".
 static std::string name_in_sysfs(std::string name)
 {
@@ -70,7 +94,7 @@ static std::string folder_of(const std::string &name)
     while (const char *drive = drives.NextName()) {
         if (drive[0] == '.' || !entry.starts_with(drive))
             continue;
-        const std::string folder = block + drive + "/" + entry;
+        std::string folder = block + drive + "/" + entry;
         if (exists(folder))
             return folder;
     }
@@ -142,17 +166,13 @@ static int find_mount(const std::string &word, const MountInfoTable &table, Busy
         complain("nothing is mounted at " + word);
         return 0;
     }
-    const std::string device = link_target("/sys/dev/block/" + mount->number);
-    const std::string source = follow_links(mount->source, "/dev/");
-    if (!device.empty()) {
-        std::string name = device.substr(device.rfind('/') + 1);
-        std::replace(name.begin(), name.end(), '!', '/');
+    const std::string name = name_of_number(mount->number);
+    if (!name.empty())
         target = target_of(name);
-    } else if (source.starts_with("/dev/")) {
-        target = target_of(strip_dev(source));
-    } else {
+    else if (mount->source.starts_with("/dev/"))
+        target = target_of(name_of_node(mount->source));
+    else
         target = {mount->source, {}, mount->number, ""};
-    }
     return 1;
 }
 
@@ -178,9 +198,7 @@ int find_targets(const std::string &word, const MountInfoTable &table,
         std::string name = word;
         if (word.starts_with('^') && !find_label(word.substr(1), name))
             return 0;
-        const std::string path =
-            follow_links(plain_path(name.starts_with('/') ? name : "/dev/" + name), "/dev/");
-        target = target_of(strip_dev(path));
+        target = target_of(name_of_node(name));
         const bool is_mounted = std::any_of(
             table.begin(), table.end(), [&](const MountInfo &m) { return is_mount_of(m, target); });
         if (target.folder.empty() && !is_mounted) {

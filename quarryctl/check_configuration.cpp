@@ -106,7 +106,9 @@ static bool is_known(std::string_view key)
 static std::string quoted(std::string_view text)
 {
     const size_t enough = 60;
-    return "\"" + std::string(text.substr(0, enough)) + (text.size() > enough ? "...\"" : "\"");
+    std::string quote(1, '"');
+    quote += text.substr(0, enough);
+    return quote + (text.size() > enough ? "...\"" : "\"");
 }
 
 static void check_unknown_key(Reading &reading, int number, std::string_view key)

@@ -31,7 +31,7 @@ std::string findings_text(const Findings &findings, const Style &style)
         text += painted(severity_word(finding.severity), paints[finding.severity], style) + ": " +
                 printable(finding.place);
         if (finding.line > 0)
-            text += ":" + std::to_string(finding.line);
+            text.append(1, ':').append(std::to_string(finding.line));
         text += ": " + printable(finding.effect) + "; " + printable(finding.remedy) + "\n";
     }
     if (findings.empty())

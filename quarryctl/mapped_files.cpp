@@ -54,7 +54,7 @@ std::vector<MappedFile> mapped_files(std::string_view maps, const std::vector<st
         // Of all bytes the kernel escapes the line end alone, and not the backslash.
         MappedFile file = {device->second, std::string(line)};
         for (size_t at; (at = file.name.find("\\012")) != std::string::npos;)
-            file.name.replace(at, 4, "\n");
+            file.name.replace(at, 4, 1, '\n');
         if (std::find(files.begin(), files.end(), file) == files.end())
             files.push_back(file);
     }

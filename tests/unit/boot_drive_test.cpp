@@ -37,6 +37,23 @@ TEST_F(BootDrive, IsTheFirstThreeCharactersOfTheRootDevice)
     }
 }
 
+// The client asks, too, and nothing is said then.
+TEST_F(BootDrive, CanBeFoundSilently)
+{
+    static const struct {
+        const char *device, *partition;
+    } cases[] = {{"/dev/sda1", "sda1"}, {"/dev/root", ""}, {"", ""}};
+    for (const auto &c : cases) {
+        machine.Write("/proc/mounts",
+                      c.device[0] ? c.device + std::string(" / ext4 rw 0 0\n") : "");
+        ReadProcMounts();
+        boot_partition = "old";
+        EXPECT_EQ(find_boot_drive(), c.device);
+        EXPECT_EQ(boot_partition, c.partition);
+        EXPECT_EQ(errors.Take(), "");
+    }
+}
+
 // Where "/" is no device node the boot drive is unknown, and what was known is forgotten.
 TEST_F(BootDrive, IsUnknownWithoutADeviceNode)
 {

@@ -75,6 +75,24 @@ TEST_F(ProcessEviction, UseOfAPath)
     }
 }
 
+// The first link that leads under the path is named, with what it leads to: who asks beforehand
+// whom an eviction would end is told why.
+TEST_F(ProcessEviction, NamesTheLinkOfAUse)
+{
+    machine.MakeDirectory("/proc/12/fd");
+    machine.Link("/proc/12/root", "/");
+    machine.Link("/proc/12/cwd", "/mnt/sdb10/folder");
+    machine.Link("/proc/12/fd/3", "/mnt/sdb1/file");
+    std::string target;
+    EXPECT_EQ(link_under_path(12, "/mnt/sdb1", false, &target), "cwd");
+    EXPECT_EQ(target, "/mnt/sdb10/folder");
+    EXPECT_EQ(link_under_path(12, "/mnt/sdb1/", false, &target), "fd/3");
+    EXPECT_EQ(target, "/mnt/sdb1/file");
+    EXPECT_EQ(link_under_path(12, "/mnt/sdb1", true), ""); // its mode cannot be told
+    EXPECT_EQ(link_under_path(12, "/mnt/sdc1", false), "");
+    EXPECT_EQ(errors.Take(), "");
+}
+
 // Each of the nine permission bits, and each of the three for writing.
 TEST_F(ProcessEviction, AnyWritePermissionBitMakesAWriter)
 {

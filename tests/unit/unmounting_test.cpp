@@ -119,6 +119,20 @@ TEST_F(Unmounting, OnlyWhatIsMountedGoes)
     EXPECT_EQ(machine.Deeds(), Deeds({"umount /mnt/new"}));
 }
 
+// What would be cleared can be asked beforehand; the question touches nothing.
+TEST_F(Unmounting, TellsWhatItWouldClear)
+{
+    SetMounts(
+        {{"sdb1", "/mnt/my\\040disk"}, {"sdb1", "/srv"}, {"sda1", "/mnt/sda1"}, {"sdc", "/"}});
+    boot_partition = "sda1";
+    EXPECT_EQ(forced_mountpoint("sdb1"), "/mnt/my disk");
+    EXPECT_EQ(forced_mountpoint("sda1"), "");
+    EXPECT_EQ(forced_mountpoint("sdc"), "");
+    EXPECT_EQ(forced_mountpoint("sdd"), "");
+    EXPECT_EQ(machine.Deeds(), Deeds());
+    EXPECT_EQ(errors.Take(), "");
+}
+
 // A device that is mounted twice loses the first mount.
 TEST_F(Unmounting, FirstOfTwoMountsGoes)
 {
