@@ -97,7 +97,7 @@ bool Installation::IsProgram(const std::string &path) const
 std::string Installation::FindProgram(const std::string &name) const
 {
     for (const char *folder : program_folders) {
-        const std::string path = std::string(folder) + "/" + name;
+        std::string path = std::string(folder) + "/" + name;
         if (IsProgram(path))
             return path;
     }
