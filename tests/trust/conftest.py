@@ -26,7 +26,7 @@ def pytest_sessionfinish(session):
 
 @pytest.fixture
 def release(monkeypatch):
-    """The sandbox gets the release build: the sanitizers' memory would hide the daemon's."""
+    """The sandbox gets the package's build: the sanitizers' memory would hide the daemon's."""
     if not os.environ.get("QUARRYD_RELEASE"):
-        pytest.fail("QUARRYD_RELEASE must name the daemon's release build", pytrace=False)
+        pytest.fail("QUARRYD_RELEASE must name a daemon without sanitizers", pytrace=False)
     monkeypatch.setenv("QUARRYD", os.environ["QUARRYD_RELEASE"])
