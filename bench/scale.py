@@ -11,8 +11,8 @@ SIZES = (1, 10, 100, 1000, 4000)
 FROM = 100  # below it the cost of a daemon without drives hides the growth
 GROWTH_LIMIT = 1.5  # quadratic growth would be 2
 ROUNDS = 9
-COLUMNS = ("first listing, wall ms", "first listing with its probes, CPU ms", "inventory, CPU ms", "poll, CPU ms", "list, CPU ms",
-           "list, bytes", "resident, KiB")
+COLUMNS = ("first listing, wall ms", "first listing with its probes, CPU ms", "inventory, CPU ms",
+           "poll, CPU ms", "list, CPU ms", "list, bytes", "resident, KiB")
 
 
 def measure(size):

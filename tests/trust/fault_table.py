@@ -70,13 +70,14 @@ def table(kind):
     lines.append(["all", "", str(whole["sites"]), str(whole["lives"]), *totals])
     widths = [max(len(line[i]) for line in lines) for i in range(len(lines[0]))]
     rule = ["-" * width if i < 2 else "-" * (width - 1) + ":" for i, width in enumerate(widths)]
-    text = [
-        "| " + " | ".join(_aligned(cell, width, i) for i, (cell, width) in enumerate(zip(line, widths))) + " |"
-        for line in [lines[0], rule, *lines[1:]]
-    ]
+    text = []
+    for line in [lines[0], rule, *lines[1:]]:
+        cells = [_aligned(cell, widths[i], i) for i, cell in enumerate(line)]
+        text.append("| " + " | ".join(cells) + " |")
     failed = sum(bool(row["problems"]) for row in rows)
     not_met = len(rows) - whole["lives"]
-    return text + ["", f"{len(rows)} lives, {failed} with a fault of the daemon's; {not_met} never met theirs."]
+    last = f"{len(rows)} lives, {failed} with a fault of the daemon's; {not_met} never met theirs."
+    return [*text, "", last]
 
 
 def _aligned(cell, width, column):
@@ -93,4 +94,4 @@ def write():
 
 
 if __name__ == "__main__":
-    print("\n".join(table("all") or table("sample") or ["no results: run the tests of tests/trust"]))
+    print("\n".join(table("all") or table("sample") or ["no results: ./scripts/test trust"]))

@@ -130,6 +130,16 @@ def rows(listing):
     return found
 
 
+def is_listing(step):
+    return step.startswith("list") or step == "enumerate"
+
+
+def lines(listing):
+    """What can be compared of a listing: not the main partition's place, which shows with the next
+    poll."""
+    return {" ".join(re.sub(r"\bMain\b", "", line).split()) for line in listing.splitlines()}
+
+
 def start(machine, injection, more):
     command = [*more, DAEMON, "--polling"]
     if injection is not None:

@@ -37,7 +37,8 @@ def plan(base):
 
 def lot(item):
     """A number that depends on nothing but the names of the site and of the error."""
-    return int.from_bytes(hashlib.sha256(f"1 {item[0].site} {item[1]}".encode()).digest()[:8], "big")
+    name = f"1 {item[0].site} {item[1]}"
+    return int.from_bytes(hashlib.sha256(name.encode()).digest()[:8], "big")
 
 
 def sample(base):

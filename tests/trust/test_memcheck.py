@@ -52,5 +52,8 @@ def test_a_whole_life_makes_no_error_and_leaves_nothing(release):
     # The log stays open to the end, on purpose; the other one is memcheck's own.
     descriptors = re.findall(r"^==\d+== Open (.*?) \d+: ", report, re.M)
     assert sorted(descriptors) == ["AF_UNIX socket", "file descriptor"], report
-    expected = [(step, SWAP_IS_REFUSED.get(step, reply)) for step, reply in lived(undisturbed).replies]
-    assert life.replies == expected
+    for (step, reply), (_, expected) in zip(life.replies, lived(undisturbed).replies, strict=True):
+        if scripted_run.is_listing(step):
+            assert scripted_run.lines(reply) == scripted_run.lines(expected)
+        else:
+            assert reply == SWAP_IS_REFUSED.get(step, expected)

@@ -1,5 +1,6 @@
-"""What an attacker tries, and what happens: docs/security.md has the table, with the test that shows
-each row. Most of them are in the sandbox's ring; here are the rest, and the table's own check.
+"""What an attacker tries, and what happens: docs/security.md has the table, with the test that
+shows each row. Most of them are in the sandbox's ring; here are the rest, and the table's own
+check.
 
 Where two must meet in the middle of what the daemon does, nothing is left to luck: strace stops the
 daemon behind the call that looked, the other one acts, and then the daemon goes on."""
@@ -63,8 +64,8 @@ def test_a_word_that_is_no_known_device_leads_nowhere(machine, word):
         for request in ("mount rw", "mount rudeoff", "umount", "eject", "retract"):
             reply = machine.ask(f'{request} "{word}"', user)
             assert re.fullmatch(
-                "ERR (Label not found|device does not exist or is not maintained by this service)\n",
-                reply,
+                "ERR (Label not found|device does not exist or is not maintained by this service)",
+                reply.strip(),
             )
     assert os.listdir("/mnt") == []
     assert daemon.is_running()
