@@ -17,7 +17,7 @@ class Crowd:
     def __init__(self, size, seed):
         self.size = size
         self.seed = seed
-        self.visits = []  # (client, seconds when it knocked, when it had its reply, its way)
+        self.visits = []  # (client, when it knocked, had its place in the queue, its reply; its way)
         self.others = 0  # visits that stayed for no reply
         self.wrong = []  # replies that are none, and other surprises
         self.end = 0.0
@@ -38,6 +38,7 @@ class Crowd:
             began = time.monotonic()
             try:
                 with _connected(way) as peer:
+                    inside = time.monotonic()
                     reply = way(peer, chance)
             except OSError as problem:
                 self.wrong.append(f"{way.__name__}: {problem}")
@@ -45,7 +46,7 @@ class Crowd:
             if reply is None:
                 self.others += 1
             else:
-                self.visits.append((index, began, time.monotonic(), way.__name__))
+                self.visits.append((index, began, inside, time.monotonic(), way.__name__))
                 if not _is_whole(reply):
                     self.wrong.append(f"{way.__name__}: {reply[:60]!r}...{reply[-60:]!r}")
                     return
@@ -54,20 +55,21 @@ class Crowd:
 
     def longest(self):
         """The longest wait of a client that kept nobody waiting itself, in seconds."""
-        return max(end - began for _, began, end, way in self.visits if way in PATIENT)
+        return max(end - began for _, began, _, end, way in self.visits if way in PATIENT)
 
     def most_overtaken(self):
-        """How often one client knocked after another and had its reply before it, at most: that is
-        whole visits of the one within a visit of the other."""
+        """How often one client came after another and had its reply before it, at most: whole visits
+        of the one within the stay of the other. In front of a full queue it is the kernel that
+        chooses, and somebody who comes just then may be luckier; that is not counted."""
         most = 0
-        for index, began, end, way in self.visits:
+        for index, _, began, end, way in self.visits:
             if way not in PATIENT:
                 continue
-            inside = {}
-            for other, knocked, answered, _ in self.visits:
-                if other != index and began < knocked and answered < end:
-                    inside[other] = inside.get(other, 0) + 1
-            most = max([most, *inside.values()])
+            within = {}
+            for other, _, came, answered, _ in self.visits:
+                if other != index and began < came and answered < end:
+                    within[other] = within.get(other, 0) + 1
+            most = max([most, *within.values()])
         return most
 
 

@@ -64,7 +64,7 @@ def loaded(machine, warm_up, seconds):
     replied = {index for index, *_ in crowd.visits}
     waiting = {i for i in range(crowd.size) if WAYS[i % len(WAYS)].__name__ in PATIENT}
     assert waiting <= replied
-    # In front of whoever knocks last all the others may stand, once; a pass takes in one of them.
+    # A pass takes in one client, and each has its step in every pass.
     assert crowd.most_overtaken() <= 2
     assert daemon.descriptors() == descriptors
     assert heap == before[1]
