@@ -19,7 +19,7 @@ static const char useless_device[] = "/dev/root";
 
 std::string find_boot_drive()
 {
-    const std::string device = root_device();
+    std::string device = root_device();
     boot_partition = device.empty() || device == useless_device ? "" : device.substr(5);
     // Three characters, whatever the bus: "sda" for sda1, and "nvm" for nvme0n1p2, which names no
     // drive and so protects only the partition.
