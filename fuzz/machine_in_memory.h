@@ -1,0 +1,101 @@
+// A machine for one run of a fuzz target: its files are texts in memory, and nothing that the
+// daemon does there reaches the kernel.
+//
+// The linker leads the daemon's calls here (fuzz/CMakeLists.txt has the list). While a machine
+// lives, each of them is answered from it alone; without one they are the C library's own, for the
+// fuzzer needs some of them. What no daemon may do breaks a promise: a second close, a descriptor
+// that is left open or that an exec would pass on, a signal to a stranger.
+#ifndef QUARRYD_FUZZ_MACHINE_IN_MEMORY_H
+#define QUARRYD_FUZZ_MACHINE_IN_MEMORY_H
+
+#include <ctime>
+#include <deque>
+#include <map>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <vector>
+
+// A client's end of a connection.
+struct Client {
+    uid_t uid = 0;
+    std::deque<std::string> unread{}; // each is what one read can give at most
+    std::string heard{};              // what the daemon has sent
+    // What the daemon has read, and how much it had sent then.
+    std::vector<std::pair<std::string, size_t>> taken{};
+    std::deque<int> read_errors{}; // the next reads fail with these; 0 is one that does not
+    std::deque<int> send_errors{}; // the next sends likewise
+    size_t send_limit = ~static_cast<size_t>(0); // bytes that one send takes at most
+    bool has_left = false;
+    bool is_accepted = false;
+    bool is_closed = false; // by the daemon
+};
+
+class MemoryMachine {
+public:
+    enum Kind { FILE_NODE, DIRECTORY_NODE, LINK_NODE, DEVICE_NODE };
+
+    // Bytes that are not there, between the pieces of a device, are zeros.
+    struct Node {
+        Kind kind = FILE_NODE;
+        std::string content;                   // of a file; where a link leads
+        std::map<off_t, std::string> pieces{}; // of a device, by their places; they do not overlap
+        off_t size = 0;                        // of a device
+        std::string filesystem{};              // on a device; the only one that mounts it
+        int error = 0;                         // opening it fails, unless this is 0
+    };
+
+    MemoryMachine(); // the daemon's state is then as it is right after the start
+    ~MemoryMachine();
+    MemoryMachine(const MemoryMachine &) = delete;
+    MemoryMachine &operator=(const MemoryMachine &) = delete;
+
+    // Directories above are made. A name that is there already is replaced.
+    void Write(const std::string &path, const std::string &content);
+    void Link(const std::string &path, const std::string &target);
+    Node &Device(const std::string &path, off_t size);
+    void Remove(const std::string &path); // with all that is below
+    Node *Find(std::string_view path);
+
+    // A mount that is there from the start. /proc/mounts then tells what is mounted.
+    void Mounted(const std::string &device, const std::string &mountpoint, const std::string &type,
+                 const std::string &options);
+
+    using Nodes = std::map<std::string, Node, std::less<>>;
+    Nodes nodes;
+    std::deque<Client *> waiting_clients; // to be accepted
+    std::string probe_answer;             // what the label probe program prints
+    int child_status = 0;                 // how every child ends
+    bool can_fork = true;
+    int disc_status = 4;              // what optical drives say of themselves
+    time_t now = 1000000;             // moved on by each sleep
+    std::vector<std::string> deeds{}; // "swapon PATH", "swapoff PATH", "mount PATH", "umount PATH"
+    size_t reads = 0;                 // calls of read()
+    bool may_leak = false;            // some descriptor may be left open
+
+    // For the calls alone.
+    struct OpenFile {
+        enum { CLOSED, NODE, PIPE_READ, PIPE_WRITE, CLIENT, SOCKET } what = CLOSED;
+        std::string path{};
+        Node *node = nullptr;
+        off_t position = 0;
+        bool at_end = false;
+        Client *client = nullptr;
+    };
+    int OpenAs(const OpenFile &file, bool close_on_exec);
+    OpenFile &At(int fd);
+    void WriteMounts();
+
+    struct Mount {
+        std::string device;
+        std::string mountpoint; // as it is, not as the table has it
+        std::string type;
+        bool is_read_only = false;
+    };
+    std::vector<Mount> mounts{};
+    std::vector<OpenFile> open_files{};
+    std::map<pid_t, bool> children{}; // the flag: not yet waited for
+    pid_t next_child = 5000;
+};
+
+#endif
