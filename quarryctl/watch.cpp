@@ -19,20 +19,14 @@
 
 using Clock = std::chrono::steady_clock;
 
-static Mark mark_of(const WatchedDevice *earlier, const ListedDevice &now)
-{
-    if (!earlier || earlier->mark == MARK_WENT)
-        return MARK_CAME;
-    return earlier->listed == now ? MARK_NONE : MARK_CHANGED;
-}
-
 // The device as it is now, with a new mark or an old one whose time is not over.
 static WatchedDevice followed(const WatchedDevice *earlier, const ListedDevice &now,
                               Clock::time_point time)
 {
-    const Mark mark = mark_of(earlier, now);
-    if (mark != MARK_NONE)
-        return {now, mark, time};
+    if (!earlier || earlier->mark == MARK_WENT)
+        return {now, MARK_CAME, time};
+    if (earlier->listed != now)
+        return {now, MARK_CHANGED, time};
     const bool is_over = time - earlier->marked >= mark_lifetime;
     return {now, is_over ? MARK_NONE : earlier->mark, earlier->marked};
 }

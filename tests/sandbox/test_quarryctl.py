@@ -109,7 +109,7 @@ def answers(machine, reply, *arguments, **keys):
 def sample_machine(machine):
     machine.plug("usb", "sdb", 64 * MB, model="Stick")
     machine.part("sdb1", 32 * MB)
-    machine.probe_says("sdb1", "MY \033[31m\\写", "fat")
+    machine.probe_says("sdb1", "MY \u202e\\写", "fat")
     machine.plug("sata", "sda", 512 * MB, model="Disk")
     machine.probe_says("sda", "", "")
     machine.mount_table(["/dev/sdb1 /mnt/sdb1 vfat"])
@@ -120,16 +120,15 @@ def test_list_in_all_its_forms(machine):
     sample_machine(machine)
     machine.start("--hotplug")
     assert said(machine, "list") == (
-        "NAME    TYPE        CONNECTION      SIZE  FILESYSTEM  LABEL            MODEL  "
-        "MOUNTED ON\n"
-        "sda     Hard Drive  SATA        512.0 MB                               Disk\n"
-        "sdb     Hard Drive  USB          64.0 MB                               Stick\n"
-        "  sdb1  Partition                32.0 MB  fat         MY \\x1b[31m\\\\写         /mnt/sdb1\n"
+        "NAME    TYPE        CONNECTION      SIZE  FILESYSTEM  LABEL          MODEL  MOUNTED ON\n"
+        "sda     Hard Drive  SATA        512.0 MB                             Disk\n"
+        "sdb     Hard Drive  USB          64.0 MB                             Stick\n"
+        "  sdb1  Partition                32.0 MB  fat         MY \\u202e\\\\写         /mnt/sdb1\n"
     )
     assert said(machine, "list", "--plain") == (
         "sda\t-\tHard Drive\tSATA\t-\t512000000\tDisk\t-\t-\t-\t-\n"
         "sdb\t-\tHard Drive\tUSB\t-\t64000000\tStick\t-\t-\t-\t-\n"
-        "sdb1\tsdb\tPartition\tUSB\tMY \\x1b[31m\\\\写\t32000000\t-\t-\t-\tfat\t/mnt/sdb1\n"
+        "sdb1\tsdb\tPartition\tUSB\tMY \\u202e\\\\写\t32000000\t-\t-\t-\tfat\t/mnt/sdb1\n"
     )
     text = said(machine, "list", "--json")
     assert text.isascii()
@@ -143,7 +142,7 @@ def test_list_in_all_its_forms(machine):
             "type": "part",
             "kind": "Partition",
             "connection": "USB",
-            "label": "MY \033[31m\\写",
+            "label": "MY \u202e\\写",
             "size": 32000000,
             "model": None,
             "place": None,
@@ -167,7 +166,7 @@ def test_enumerate_in_all_its_forms(machine):
     assert plain[0] == f"sdb\t-\tHard Drive\tUSB\t-\tStick\t-\t{path}"
     [stick, disk] = json.loads(said(machine, "enumerate", "--json"))["blockdevices"]
     assert (stick["sysfs_path"], disk["name"]) == (path, "sda")
-    assert stick["children"][0]["label"] == "MY \033[31m\\写"
+    assert stick["children"][0]["label"] == "MY \u202e\\写"
 
 
 def test_list_of_an_empty_machine(machine):
@@ -591,9 +590,8 @@ def test_colour_is_for_terminals_alone(machine):
         terminal = Terminal()
         assert terminal.run(machine, "list", env=env).ended() == (0, "", "")
         text = terminal.read()
-        assert "MY \\x1b[31m" in text
+        assert "MY \\u202e" in text
         assert (env, "\033[" in text) == (env, has_colour)
-        assert "\033[31m" not in text  # a label's own
     assert "\033" not in said(machine, "list")
 
 
@@ -610,8 +608,23 @@ def test_table_fits_the_terminal(machine):
     assert "…" not in said(machine, "list", env={"COLUMNS": "many"})
 
 
+def test_listings_do_the_terminal_no_harm(machine):
+    """Whoever is asked, and whatever a drive calls itself."""
+    rows = "OK- \tsdb\tA\033[2J\tUSB\t\033[31mx\t1\t\u202e\b\t\t\t\033\n"
+    for arguments in (["list"], ["list", "--plain"], ["list", "--json"], ["raw", "list"]):
+        server = StandIn()
+        terminal = Terminal()
+        run = terminal.run(machine, *arguments, env={"NO_COLOR": "1"})
+        server.request()[0].sendall((HEAD + rows + "OK  eom\n").encode())
+        assert run.ended() == (0, "", "")
+        text = terminal.read()
+        assert "31mx" in text
+        assert re.search("[^\t\r\n -~]", text) is None
+        server.socket.close()
+
+
 def test_raw_and_mount_do_the_terminal_no_harm(machine):
-    machine.plug("usb", "sdb", MB, model="\033[2Jx")
+    machine.plug("usb", "sdb", MB)
     machine.mount_table(["/dev/sdb /srv/\\033[2J ext4"])
     machine.start("--hotplug")
     terminal = Terminal()
