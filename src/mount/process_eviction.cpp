@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -74,18 +75,50 @@ bool process_uses_path(int pid, const std::string &, const std::string &path, bo
     return !link_under_path(pid, path, writers_only).empty();
 }
 
-// The beginning of a process's command line, which is its first argument. Unknown without one.
-static std::string command_of(int pid)
+static const size_t command_limit = 255;
+static const int command_patience = 200; // milliseconds
+
+// In a child: sends the beginning of a process's command line, with a NUL behind it. Nothing when
+// there is none to be read.
+[[noreturn]] static void tell_command(int pid, int answer)
 {
-    const size_t command_limit = 255;
     char text[command_limit + 1];
     const std::string path = "/proc/" + std::to_string(pid) + "/cmdline";
     Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.IsOpen())
-        return "(unknown)";
-    ssize_t got = read(file.Get(), text, command_limit);
-    text[got < 0 ? 0 : got] = '\0';
-    return text;
+        _exit(1);
+    const ssize_t got = read(file.Get(), text, command_limit);
+    const size_t length = got < 0 ? 0 : static_cast<size_t>(got);
+    text[length] = '\0';
+    _exit(write(answer, text, length + 1) < 0);
+}
+
+// The beginning of a process's command line, which is its first argument. Unknown without one.
+// A process can lay a file of any filesystem over its arguments; who reads them waits for the
+// server of that filesystem, be it dead. So a child reads them, and is given up when it does not
+// come back.
+static std::string command_of(int pid)
+{
+    const std::string unknown = "(unknown)";
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) < 0)
+        return unknown;
+    Descriptor answer(ends[0]);
+    const pid_t child = fork_child();
+    if (child == 0)
+        tell_command(pid, ends[1]);
+    close(ends[1]);
+    if (child < 0)
+        return unknown;
+    char text[command_limit + 1] = "";
+    pollfd arrival = {answer.Get(), POLLIN, 0};
+    if (poll(&arrival, 1, command_patience) != 1) {
+        kill(child, SIGKILL);
+        return unknown;
+    }
+    const ssize_t got = read(answer.Get(), text, command_limit + 1);
+    waitpid(child, nullptr, 0);
+    return got < 1 ? unknown : text;
 }
 
 static void signal_user(int pid, int pass)

@@ -168,6 +168,24 @@ def test_process_without_a_command_line(machine):
     assert not os.path.exists("/mnt/sdb1")
 
 
+def test_who_cannot_be_asked_holds_nothing_up(machine):
+    """The command line of a process whose memory is locked for ever, by a wait for some dead
+    filesystem, is not to be had; it is signalled all the same, and the device let go of."""
+    mounted_stick(machine)
+    daemon = machine.start()
+    machine.made_up_process(1000001, cwd="/mnt/sdb1")
+    os.unlink("/proc/1000001/cmdline")
+    os.mkfifo("/proc/1000001/cmdline")
+    holder = machine.troublemaker("holder", "--cwd", "/mnt/sdb1")
+    start = time.monotonic()
+    pull(machine, daemon)
+    assert time.monotonic() - start < 6
+    assert holder.wait(5) == -signal.SIGTERM
+    said = "is using mount points. terminating..."
+    assert sorted(kills(machine)[:2]) == sorted([terminating(holder), f"1000001: (unknown) {said}"])
+    assert not os.path.exists("/mnt/sdb1")
+
+
 def test_entries_of_proc_that_are_no_process_are_left_alone(machine):
     mounted_stick(machine)
     for name in ("0", "-5", "self2", ".1000001"):
