@@ -11,6 +11,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -342,6 +343,7 @@ int __real_usleep(useconds_t microseconds);
 unsigned __real_alarm(unsigned seconds);
 time_t __real_time(time_t *result);
 int __real_dup2(int from, int to);
+ssize_t __real_write(int fd, const void *bytes, size_t size);
 [[noreturn]] void __real__exit(int status);
 
 int __wrap_open(const char *path, int flags, ...)
@@ -798,6 +800,17 @@ int __wrap_close_range(unsigned, unsigned, int)
 int __wrap_prctl(int, ...)
 {
     NEVER("the process is changed");
+}
+
+int __wrap_poll(pollfd *, nfds_t, int)
+{
+    NEVER("something is waited for");
+}
+
+ssize_t __wrap_write(int fd, const void *bytes, size_t size)
+{
+    REAL_IF_NONE(write, fd, bytes, size);
+    NEVER("something is written");
 }
 
 int __wrap_dup2(int from, int to)
