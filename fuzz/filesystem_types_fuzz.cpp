@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 
 #include "harness.h"
 #include "machine_in_memory.h"
@@ -17,6 +18,20 @@ static std::string table_of(const std::list<std::string> &types, const char *fla
     return table;
 }
 
+// The types of a table by what stands before the first tab of a line.
+static std::list<std::string> types_by_hand(const std::string &table, bool nodev)
+{
+    std::list<std::string> types;
+    std::istringstream lines(table);
+    for (std::string line; std::getline(lines, line);) {
+        line = line.substr(0, line_limit);
+        const size_t tab = line.find('\t');
+        if (tab != std::string::npos && (line.substr(0, tab) == "nodev") == nodev)
+            types.push_back(line.substr(tab + 1));
+    }
+    return types;
+}
+
 void examine(Input &input)
 {
     MemoryMachine machine;
@@ -25,6 +40,8 @@ void examine(Input &input)
     std::replace(table.begin(), table.end(), '\0', '?'); // the kernel writes text
     machine.Write("/proc/filesystems", table);
     ReadProcFilesystems();
+    PROMISE(filesystems_list == types_by_hand(table, false));
+    PROMISE(filesystems_nodev_list == types_by_hand(table, true));
     size_t longest = 0;
     for (int nodev : {0, 1}) {
         const std::list<std::string> &types = nodev ? filesystems_nodev_list : filesystems_list;

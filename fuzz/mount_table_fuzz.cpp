@@ -35,7 +35,7 @@ static void check_entries()
                              !entry.fstype.empty() && !options.empty();
         if (!has_all || line.size() > line_limit)
             continue;
-        PROMISE(parse_mount_line(line, again));
+        PROMISE(parse_mount_line(line.size() + 2 > line_limit ? line : "  " + line, again));
         PROMISE(again.device == entry.device && again.mountpoint == entry.mountpoint &&
                 again.fstype == entry.fstype && again.options == entry.options);
     }

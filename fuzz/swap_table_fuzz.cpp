@@ -1,4 +1,6 @@
 // /proc/swaps: which areas are switched off, and whether the swap file is known for one.
+#include <cstdio>
+
 #include "base/daemon_state.h"
 #include "base/small_files.h"
 #include "base/words.h"
@@ -45,6 +47,13 @@ static void check_word(const std::string &path)
     const std::string word = as_in_kernel_table(path);
     PROMISE(word.find_first_of(" \t\n") == std::string::npos);
     PROMISE(from_kernel_table(word) == path);
+    std::string escaped; // every byte may be
+    for (char c : path) {
+        char digits[5];
+        snprintf(digits, sizeof(digits), "\\%03o", static_cast<unsigned char>(c));
+        escaped += digits;
+    }
+    PROMISE(from_kernel_table(escaped) == path);
 }
 
 void examine(Input &input)
