@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <functional>
@@ -209,6 +210,16 @@ static std::string check_seconds(const std::string &text)
     return "not a number of seconds from 0 to a million: " + text;
 }
 
+// Likewise a number of seconds between two questions: each costs the daemon something.
+static std::string check_interval(const std::string &text)
+{
+    const std::string complaint = check_seconds(text);
+    const double shortest = 0.1;
+    if (!complaint.empty() || strtod(text.c_str(), nullptr) >= shortest)
+        return complaint;
+    return "the shortest is a tenth of a second, not " + text;
+}
+
 static CLI::App *add_verb(CLI::App &app, Wishes &wishes, const char *name, const char *description,
                           std::function<ExitStatus()> run)
 {
@@ -257,10 +268,7 @@ static void add_listings(CLI::App &app, Wishes &wishes)
                                [&] { return run_watch(wishes.interval, wishes.Patience()); });
     watch->add_option("--interval", wishes.interval, "how often to look; 2 unless given")
         ->type_name("SECONDS")
-        ->check(check_seconds)
-        ->check([](const std::string &text) {
-            return text.find_first_of("123456789") == std::string::npos ? "must not be 0" : "";
-        });
+        ->check(check_interval);
     watch->footer(watch_footnote);
 
     CLI::App *enumerate =
@@ -406,7 +414,12 @@ static ExitStatus run(int argc, char **argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+        if (error.get_exit_code() == 0) // what was asked for is a text
+            return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+        // The library would print the words that it complains of as they are.
+        complain(error.what());
+        fputs("Run with --help for more information.\n", stderr);
+        return EXIT_USAGE;
     }
     return wishes.run();
 }

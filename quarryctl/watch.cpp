@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <initializer_list>
@@ -291,6 +292,12 @@ static bool take_key(Watch &watch)
     return got == 1 && (key == 'q' || key == 'Q');
 }
 
+// Whether whoever read what is printed has gone. Of a file or a terminal that cannot be said.
+static bool has_lost_reader(const pollfd &output)
+{
+    return (output.revents & POLLERR) != 0;
+}
+
 // Waits until the next list is due. Zero when the program is to end.
 static int wait_for_next(Watch &watch)
 {
@@ -301,15 +308,16 @@ static int wait_for_next(Watch &watch)
         const bool has_keys = watch.has_terminal && watch.screen.HasKeys();
         pollfd requests[] = {{watch.signals.ending, POLLIN, 0},
                              {watch.signals.resizing, POLLIN, 0},
-                             {has_keys ? STDIN_FILENO : -1, POLLIN, 0}};
-        if (poll(requests, 3, left > 0 ? static_cast<int>(left) : 0) < 0 && errno != EINTR)
+                             {has_keys ? STDIN_FILENO : -1, POLLIN, 0},
+                             {watch.has_terminal ? -1 : STDOUT_FILENO, 0, 0}};
+        if (poll(requests, 4, left > 0 ? static_cast<int>(left) : 0) < 0 && errno != EINTR)
             return 0;
         const int number = take_signal(watch.signals.ending);
         if (number == SIGTSTP)
             stop_for_a_while(watch);
         else if (number != 0)
             return 0;
-        if (requests[2].revents && take_key(watch))
+        if ((requests[2].revents && take_key(watch)) || has_lost_reader(requests[3]))
             return 0;
         const bool is_resized = take_signal(watch.signals.resizing) != 0;
         if (watch.has_terminal && watch.has_list && (is_resized || number == SIGTSTP)) {
@@ -321,12 +329,19 @@ static int wait_for_next(Watch &watch)
     }
 }
 
+// A terminal on which a picture can be drawn.
+static bool is_able_terminal()
+{
+    const char *const type = getenv("TERM");
+    return isatty(STDOUT_FILENO) && type != nullptr && strcmp(type, "dumb") != 0;
+}
+
 ExitStatus run_watch(double interval, double seconds)
 {
     Watch watch;
     watch.interval = interval;
     watch.seconds = seconds;
-    watch.has_terminal = isatty(STDOUT_FILENO);
+    watch.has_terminal = is_able_terminal();
     watch.signals.ending = make_signal_fd({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP});
     watch.signals.resizing = make_signal_fd({SIGWINCH});
     if (watch.signals.ending < 0 || watch.signals.resizing < 0) {

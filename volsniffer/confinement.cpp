@@ -7,14 +7,29 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// The user and the group that own nothing: the kernel itself takes this number where it has no
-// other.
+// A user and a group for each process alone, of numbers that no system hands out: processes of one
+// user may end and trace each other.
+static constexpr unsigned first_user = 0x70000000;
+// Where these mean nothing, in the container of a user who has only a few: who owns nothing there.
 static constexpr unsigned nobody = 65534;
 
-static bool become_nobody()
+static bool become(unsigned user)
+{
+    return setresgid(user, user, user) == 0 && setresuid(user, user, user) == 0;
+}
+
+static bool is_root()
+{
+    uid_t real = 0;
+    uid_t effective = 0;
+    uid_t saved = 0;
+    return getresuid(&real, &effective, &saved) < 0 || real == 0 || effective == 0 || saved == 0;
+}
+
+static bool become_a_stranger()
 {
     return (getgroups(0, nullptr) == 0 || setgroups(0, nullptr) == 0) &&
-           setresgid(nobody, nobody, nobody) == 0 && setresuid(nobody, nobody, nobody) == 0;
+           (become(first_user + static_cast<unsigned>(getpid())) || become(nobody));
 }
 
 static bool drop_capabilities()
@@ -33,10 +48,10 @@ static bool limit_to_nothing(__rlimit_resource_t resource)
 
 int give_up_rights()
 {
-    return (geteuid() != 0 || become_nobody()) && drop_capabilities() &&
+    return (!is_root() || become_a_stranger()) && drop_capabilities() &&
            prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && limit_to_nothing(RLIMIT_NOFILE) &&
            limit_to_nothing(RLIMIT_NPROC) &&
-           // Other processes of nobody may not look inside, and a crash leaves no copy of a drive's
-           // content; some kernels would also end whoever shares the memory.
+           // A crash leaves no copy of a drive's content; some kernels would also end whoever
+           // shares the memory.
            prctl(PR_SET_DUMPABLE, 0) == 0;
 }

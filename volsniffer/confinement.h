@@ -5,9 +5,10 @@
 #ifndef VOLSNIFFER_CONFINEMENT_H
 #define VOLSNIFFER_CONFINEMENT_H
 
-// From here on the process is nobody, without capabilities, without groups, without a way to regain
-// any; it can open nothing and start nothing. It goes on reading and writing what is open already.
-// A caller who is not root keeps his user and his groups, and loses the rest.
+// From here on the process is a user whom nobody else is, without capabilities, without groups,
+// without a way to regain any; it can open nothing and have no child. It goes on reading and
+// writing what is open already. A caller who is not root keeps his user and his groups, and loses
+// the rest.
 //
 // Non-zero on success, else errno is set.
 int give_up_rights();

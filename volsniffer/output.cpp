@@ -66,6 +66,7 @@ static size_t decode_utf8(const char *text, size_t length, unsigned &code)
 static bool is_harmful(unsigned code)
 {
     return code == '/' || code < 0x20 || (code >= 0x7F && code <= 0x9F) // both sets of controls
+           || code == 0x061C || code == 0x200E || code == 0x200F        // marks of direction
            || (code >= 0x2028 && code <= 0x202E)                        // separators, embeddings
            || (code >= 0x2066 && code <= 0x2069);                       // isolates
 }

@@ -99,7 +99,7 @@ static const int command_patience = 200; // milliseconds
 // come back.
 static std::string command_of(int pid)
 {
-    const std::string unknown = "(unknown)";
+    static const char unknown[] = "(unknown)";
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) < 0)
         return unknown;
@@ -118,7 +118,7 @@ static std::string command_of(int pid)
     }
     const ssize_t got = read(answer.Get(), text, command_limit + 1);
     waitpid(child, nullptr, 0);
-    return got < 1 ? unknown : text;
+    return got < 1 ? unknown : std::string(text);
 }
 
 static void signal_user(int pid, int pass)

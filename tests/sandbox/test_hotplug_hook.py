@@ -11,10 +11,10 @@ import time
 import pytest
 
 from machine import kernel
-from machine.clients import ADDRESS, wait_until
+from machine.clients import wait_until
 from machine.machine import SANITIZER, sleep
 from machine.namespaces import HOTPLUG_HOOK, HOTPLUG_NOTICE
-from machine.stand_in_server import StandIn, everything
+from machine.stand_in_server import StandIn, everything, full_queue
 
 LIMIT = 2.0  # seconds that an event may be held up, whatever the daemon does
 GB = 1 << 30
@@ -478,20 +478,6 @@ def test_server_that_never_accepts(machine):
     run = Run(event())
     assert run.ended() == (1, TOO_LATE)
     assert everything(server.accept()) == REQUEST.encode()
-
-
-def full_queue():
-    """A server whose queue is full, and those who fill it."""
-    server = StandIn(backlog=1)
-    waiting = []
-    while True:
-        client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        client.setblocking(False)
-        try:
-            client.connect(ADDRESS)
-        except BlockingIOError:
-            return server, waiting
-        waiting.append(client)
 
 
 def test_full_queue(machine):

@@ -369,6 +369,7 @@ def test_own_probe_program_reads_without_rights(machine):
     wait_until(lambda: status_of(reader)["State"].startswith("D"), what="the read")
     for pid in (reader, probe.pid):
         status = status_of(pid)
+        # These tests' namespace has no other numbers to give.
         assert status["Uid"].split() == status["Gid"].split() == ["65534"] * 4
         assert status["Groups"].split() == []
         for kind in ("Inh", "Prm", "Eff", "Amb"):

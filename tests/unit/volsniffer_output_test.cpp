@@ -67,7 +67,7 @@ TEST(HarmlessText, LeavesOrdinaryLabelsAlone)
         "\xE5\x86\x99\xE7\x9C\x9F",
         "\xF0\x9F\x93\xB7",
         "\xC2\xA0",
-        "\xE2\x80\x8E",
+        "\xE2\x80\x8D", // joins letters
         "\xED\x9F\xBF",
         "\xEE\x80\x80",
         "\xF4\x8F\xBF\xBF",
@@ -102,7 +102,8 @@ TEST(HarmlessText, ReplacesWhatIsHarmful)
         {"\xE2\x81\xA6"
          "x"
          "\xE2\x81\xA9",
-         "_x_"}, // isolate and its end
+         "_x_"},                               // isolate and its end
+        {"a\u061Cb\u200Ec\u200Fd", "a_b_c_d"}, // marks of direction
     };
     for (const auto &c : cases)
         EXPECT_EQ(harmless(c.text, 1000), c.harmless) << c.harmless;

@@ -91,7 +91,8 @@ def assert_agrees_with_blkid(path, done):
         found["filesystem"] = DAEMON_NAMES.get(name, name)
         for key in "label", "filesystem", "uuid", "version", "usage":
             said = facts.get(key, b"")
-            assert b"_" in said or said == found.get(key, b""), (key, found, done)
+            pattern = re.escape(said).replace(b"_", b"(?:_|.{1,4})")
+            assert re.fullmatch(pattern, found.get(key, b""), re.DOTALL), (key, found, done)
 
 
 def assert_well_formed(done):
@@ -381,6 +382,22 @@ def test_opens_nothing_once_it_reads(made, tmp_path):
     after = {re.match(r"(?:<\.\.\. )?(\w+)", call)[1] for call in own[first_read:]}
     assert after <= {"read", "lseek", "pread64", "brk", "mmap", "munmap", "madvise", "close",
                      "exit", "ioctl"}, after
+
+
+def test_root_becomes_a_user_whom_nobody_else_is(made, tmp_path):
+    """Processes of one user may end and trace each other: both take users of their own, for good.
+    Who is not root stays who he is."""
+    trace = tmp_path / "trace"
+    volsniffer(made("ext4"), "--fs", env=dict(os.environ, ASAN_OPTIONS="detect_leaks=0"),
+               under=["strace", "-f", "-qq", "-o", str(trace), "-e", "trace=/setres[ug]id"])
+    became = [re.match(r"(\d+) +setres([ug])id\((\d+), (\d+), (\d+)\) += 0$", line).groups()
+              for line in trace.read_text().splitlines()]
+    if os.geteuid() != 0:
+        assert became == []
+        return
+    assert len(became) == 4 and len(set(pid for pid, *_ in became)) == 2
+    for pid, _kind, *users in became:
+        assert users == [str(0x70000000 + int(pid))] * 3
 
 
 def test_answers_in_one_write(made, tmp_path):

@@ -46,3 +46,17 @@ def everything(connection):
     while piece := connection.recv(4096):
         text += piece
     return text
+
+
+def full_queue():
+    """A server whose queue is full, and those who fill it."""
+    server = StandIn(backlog=1)
+    waiting = []
+    while True:
+        client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        client.setblocking(False)
+        try:
+            client.connect(ADDRESS)
+        except BlockingIOError:
+            return server, waiting
+        waiting.append(client)
