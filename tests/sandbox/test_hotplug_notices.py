@@ -384,7 +384,7 @@ def test_ten_thousand_events_from_one_client_that_does_not_wait(machine):
     assert 300 < len(lines) <= 10_000  # thirty or so are read at once, in the worst case
     # What is lost may be the beginning of a line: the rest of it means nothing.
     assert all(line == THANKS or line.startswith("ERR ") for line in lines), set(lines)
-    assert lines.count(THANKS) > 300
+    assert lines.count(THANKS) > 100  # a line whose beginning is lost is none
     assert len(bystander.times) > 100
     assert max(bystander.times) < 2
     wait_until(lambda: agrees(machine), timeout=4)

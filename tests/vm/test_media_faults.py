@@ -60,7 +60,8 @@ def test_unreadable_start(fresh):
     reply, lines = reply_to(fresh, daemon, "mount rw " + volume.name, timeout=60)
     assert reply == "ERR mount failed\n" and any("failed: " in line for line in lines)
     assert mounted_as(fresh, volume.name) is None and not difference(fresh)
-    assert daemon.stop() == 0 and entries_of_mnt(fresh) == {}
+    # Its folder stays for the housekeeping, fifteen seconds or longer.
+    assert daemon.stop() == 0 and set(entries_of_mnt(fresh)) <= {volume.name}
 
 
 @pytest.mark.long
@@ -205,7 +206,7 @@ def test_storm_of_events(fresh, mode):
         fresh.sh("udevadm settle --timeout=100", 120)
         if command.startswith("modprobe"):
             fresh.wait_until(lambda: fresh.sh("ls /sys/block | grep -c ^sd", check=False).out
-                             .strip() >= "26", 60)
+                             .strip() == "26", 60)
         fresh.wait_until(lambda: not difference(fresh), 90, lambda: difference(fresh))
     print("the longest answer took %.1f s" % slowest)
     wait_for_agreement(fresh)
