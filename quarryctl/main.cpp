@@ -213,7 +213,7 @@ static std::string check_seconds(const std::string &text)
 // Likewise a number of seconds between two questions: each costs the daemon something.
 static std::string check_interval(const std::string &text)
 {
-    const std::string complaint = check_seconds(text);
+    std::string complaint = check_seconds(text);
     const double shortest = 0.1;
     if (!complaint.empty() || strtod(text.c_str(), nullptr) >= shortest)
         return complaint;
