@@ -24,7 +24,7 @@ static bool is_harmless(const std::string &text)
         if (lead < 0x80) {
             i += 1;
         } else if (lead < 0xE0) {
-            if (!goes_on(i + 1) || (lead == 0xC2 && next < 0xA0))
+            if (!goes_on(i + 1) || (lead == 0xC2 && next < 0xA0) || (lead == 0xD8 && next == 0x9C))
                 return false;
             i += 2;
         } else if (lead < 0xF0) {
@@ -32,7 +32,8 @@ static bool is_harmless(const std::string &text)
                 (lead == 0xED && next > 0x9F))
                 return false;
             const unsigned last = byte(i + 2);
-            if (lead == 0xE2 && ((next == 0x80 && last >= 0xA8 && last <= 0xAE) ||
+            if (lead == 0xE2 && ((next == 0x80 && last >= 0x8E && last <= 0x8F) ||
+                                 (next == 0x80 && last >= 0xA8 && last <= 0xAE) ||
                                  (next == 0x81 && last >= 0xA6 && last <= 0xA9)))
                 return false;
             i += 3;
