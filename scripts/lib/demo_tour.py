@@ -276,6 +276,8 @@ def pulled_in_hotplug_mode(tour):
     tour.check(told in text, "udev's rule told the daemon")
     tour.check(vm.sh("grep %s /proc/mounts; ls -d /mnt/%s" % (part, part), check=False).out == "",
                "a second later it is unmounted and forgotten")
+    # The label went with the stick: its link dangles, until /mnt is tidied every five seconds.
+    vm.wait_until(lambda: "^" not in vm.sh("ls -A /mnt").out, 15, "the label link's end")
 
 
 def shutdown_with_main_partition(tour):
