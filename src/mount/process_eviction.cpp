@@ -94,9 +94,9 @@ static const int command_patience = 200; // milliseconds
 }
 
 // The beginning of a process's command line, which is its first argument. Unknown without one.
-// A process can lay a file of any filesystem over its arguments; who reads them waits for the
-// server of that filesystem, be it dead. So a child reads them, and is given up when it does not
-// come back.
+// The kernel takes the lock of the process's memory for it, and that may be waited for for ever:
+// one of the process's threads has a file in memory whose server is dead. So a child reads it, and
+// is given up when it does not come back.
 static std::string command_of(int pid)
 {
     static const char unknown[] = "(unknown)";
