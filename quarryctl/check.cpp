@@ -7,13 +7,8 @@
 
 #include "json_output.h"
 
-ExitStatus run_check(OutputForm form, const std::string &root)
+Findings check_everything(const Installation &installation)
 {
-    const Installation installation(root);
-    if (!installation.IsOpen()) {
-        complain("cannot look into " + root + ": " + strerror(errno));
-        return EXIT_REFUSED;
-    }
     Findings findings;
     check_configuration(installation, findings);
     check_hooks(installation, findings);
@@ -21,6 +16,17 @@ ExitStatus run_check(OutputForm form, const std::string &root)
     check_mnt(installation, findings);
     check_hotplug(installation, findings);
     check_running_system(installation, findings);
+    return findings;
+}
+
+ExitStatus run_check(OutputForm form, const std::string &root)
+{
+    const Installation installation(root);
+    if (!installation.IsOpen()) {
+        complain("cannot look into " + root + ": " + strerror(errno));
+        return EXIT_REFUSED;
+    }
+    const Findings findings = check_everything(installation);
     if (form == FORM_JSON)
         fputs(findings_json(findings).c_str(), stdout);
     else if (form == FORM_PLAIN)

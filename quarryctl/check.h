@@ -53,6 +53,9 @@ void check_hotplug(const Installation &installation, Findings &findings);
 // The running kernel, and the owner of the daemon's socket.
 void check_running_system(const Installation &installation, Findings &findings);
 
+// All of these.
+Findings check_everything(const Installation &installation);
+
 // Findings for people and for scripts. A finding is one line.
 std::string findings_text(const Findings &findings, const Style &style);
 std::string findings_lines(const Findings &findings);

@@ -204,15 +204,7 @@ protected:
 
     Findings Check() const
     {
-        const Installation installation(root_);
-        Findings findings;
-        check_configuration(installation, findings);
-        check_hooks(installation, findings);
-        check_programs(installation, findings);
-        check_mnt(installation, findings);
-        check_hotplug(installation, findings);
-        check_running_system(installation, findings);
-        return findings;
+        return check_everything(Installation(root_));
     }
 
     void Expect(const std::vector<std::string> &expected) const
