@@ -8,9 +8,9 @@ import sys
 import time
 
 import programs
+import udisks2
 
 sys.path.insert(0, os.path.join(programs.SOURCE, "tests", "vm"))
-import mounting  # noqa: E402  for udisks2: its packages, and how it is started
 
 BUSES = ("usb", "nvme", "virtio-scsi")
 RULE = "/usr/lib/udev/rules.d/60-quarryd.rules"
@@ -23,7 +23,7 @@ UDISKS2_LINES = (r"Added /\S*/block_devices/{}$", r"Removed /\S*/block_devices/{
 
 def run(report, long):
     os.environ["QUARRYD_STAGE"] = programs.stage()
-    os.environ["QUARRYD_GUEST_PACKAGES"] = mounting.PACKAGES
+    os.environ["QUARRYD_GUEST_PACKAGES"] = udisks2.PACKAGES
     from rig import VM
 
     count = 20 if long else 5
@@ -32,14 +32,15 @@ def run(report, long):
     with VM([], mem=1024) as vm:
         with open(os.path.join(here, "guest", "follow.py"), encoding="utf-8") as script:
             vm.put("/run/follow.py", script.read(), 0o755)
-        vm.sh("/lib/systemd/systemd-udevd --daemon")
+        vm.sh(udisks2.UDEVD)
         for mode in ("polling", "hotplug"):
             daemon = vm.daemon(["--" + mode])
             daemon.wait_err("Device vda1 just appeared")
             times["quarryd, " + mode] = lives(vm, daemon.base + ".err", DAEMON_LINES, count)
             daemon.stop()
         vm.sh(f"rm {RULE}; udevadm control --reload; udevadm settle")
-        vm.sh(mounting.UDISKS2.replace("/lib/systemd/systemd-udevd --daemon", ":"), timeout=120)
+        udisks2.tell_udevd(vm)
+        udisks2.start(vm)
         vm.sh(f"setsid udisksctl monitor </dev/null >{MONITOR} 2>&1 &")
         vm.wait_until(lambda: "Monitoring" in vm.text(MONITOR), 20)
         times["udisks2"] = lives(vm, MONITOR, UDISKS2_LINES, count)

@@ -9,31 +9,23 @@ import sys
 import tempfile
 
 import programs
+import udisks2
 
 sys.path.insert(0, os.path.join(programs.SOURCE, "tests", "vm"))
 
 KINDS = ("ext4", "vfat")
 WAYS = (("calls", "mount(2), umount2(2)"), ("mount8", "mount(8), umount(8)"),
         ("quarryd", "quarryd, as a client sees it"), ("udisks2", "udisks2 and udisksctl"))
-PACKAGES = "udisks2 dbus"
 # System calls by number, as x86-64 has them.
 RECVFROM, SENDTO, CLONE, WAIT4, MOUNT, UMOUNT2 = 45, 44, 56, 61, 165, 166
 # Where the time between a request and its reply can go.
 KERNEL, OTHER_CALLS = "the kernel: mount and umount calls", "the kernel: all other calls"
 PLACES = {"volsniffer": "the label probe", "mount": "mount(8), for ACLs"}
-UDISKS2 = """set -e
-mkdir -p /run/dbus /run/udisks2 /var/lib/udisks2
-dbus-daemon --system --fork
-/lib/systemd/systemd-udevd --daemon
-udevadm trigger --action=add; udevadm settle
-setsid /usr/libexec/udisks2/udisksd </dev/null >/run/udisksd.log 2>&1 &
-for i in $(seq 100); do udisksctl status >/dev/null 2>&1 && exit 0; sleep 0.2; done
-cat /run/udisksd.log; exit 1"""
 
 
 def run(report, long):
     os.environ["QUARRYD_STAGE"] = programs.stage()
-    os.environ["QUARRYD_GUEST_PACKAGES"] = PACKAGES
+    os.environ["QUARRYD_GUEST_PACKAGES"] = udisks2.PACKAGES
     from rig import VM, Disk, images
 
     count = 200 if long else 30
@@ -67,7 +59,9 @@ def compare(report, vm, parts, count):
         seconds["quarryd", kind] = cycles(vm, "quarryd", part, kind, count)
         shares[kind] = traced(vm, daemon, part, kind, count)
     daemon.stop()
-    vm.sh(UDISKS2, timeout=120)
+    vm.sh(udisks2.UDEVD)
+    udisks2.tell_udevd(vm)
+    udisks2.start(vm)
     for kind, part in parts.items():
         seconds["udisks2", kind] = cycles(vm, "udisks2", part, kind, max(count // 3, 10))
     print_times(report, seconds, waits)

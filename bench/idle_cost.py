@@ -1,0 +1,93 @@
+"""Idle: what the daemon in both modes and udisks2 take from a virtual machine in which nothing
+happens, and whether a hundred listings reach a drive once every filesystem is known."""
+
+import json
+import os
+import sys
+import tempfile
+import time
+from concurrent import futures
+
+import guest_cost
+import idle_io
+import load
+import programs
+import udisks2
+
+sys.path.insert(0, os.path.join(programs.SOURCE, "tests", "vm"))
+
+SUBJECTS = ("quarryd, polling", "quarryd, hotplug", "udisks2")
+WAKEUPS = 20  # a second, from a pass every fifty milliseconds
+LISTINGS = 100
+
+
+def run(report, long):
+    os.environ["QUARRYD_STAGE"] = programs.stage()
+    os.environ["QUARRYD_GUEST_PACKAGES"] = udisks2.PACKAGES
+    seconds = 600 if long else 20
+    with futures.ThreadPoolExecutor(2) as pool:  # a guest for each, two at once
+        results = list(pool.map(measure, SUBJECTS, [seconds] * len(SUBJECTS)))
+    del os.environ["QUARRYD_GUEST_PACKAGES"]
+    rows = [row for windows, _listings in results for row in windows]
+    report.table(f"{seconds} idle seconds of a virtual machine",
+                 ("of", "CPU, ms", "CPU, ‰", "wake-ups a second", "system calls a second",
+                  "requests to any drive"), rows)
+    for name, _cpu, _share, wakeups, _calls, requests in rows:
+        if name in SUBJECTS[:2]:
+            report.bound(f"wake-ups of an idle second, {name}", wakeups, 1.05 * WAKEUPS)
+            report.bound(f"requests to idle drives, {name}", requests, 0)
+    count, elapsed, requests, left_out = results[1][1]
+    report.note(f"{count} listings in {elapsed:.1f} s with all filesystems known: {requests} requests "
+                f"to any drive ({left_out} more for which a probe was run do not count).")
+    report.bound(f"requests to drives by {LISTINGS} listings with all known", requests, 0)
+
+
+def measure(subject, seconds):
+    """([row of each program's cost], row of the listings or None)"""
+    from rig import VM, sample_machine
+
+    with tempfile.TemporaryDirectory() as folder, VM(sample_machine.drives(folder), mem=1024) as vm:
+        sample_machine.assemble(vm)
+        load.install(vm)
+        vm.sh(udisks2.UDEVD)
+        if subject == "udisks2":
+            udisks2.tell_udevd(vm)
+            udisks2.start(vm)
+            processes = {name: guest_cost.pids(vm, name) for name in udisks2.PROCESSES}
+            load.ask(vm, "udisks2", 1, 60, 1)
+            return idle(vm, processes, seconds), None
+        daemon = vm.daemon(["--" + subject.split(", ")[1]])
+        load.ask(vm, "quarryd", 1, 60, 1)
+        windows = idle(vm, {subject: [daemon.pid]}, seconds)
+        return windows, (list_known_drives(vm, daemon) if subject == SUBJECTS[1] else None)
+
+
+def idle(vm, processes, seconds):
+    """A row for each of the programs."""
+    guest_cost.count_calls(vm)
+    vm.sh("udevadm settle; sync")
+    time.sleep(5)
+
+    def account():  # the programs that look are in memory after the first time
+        return {name: (guest_cost.of(vm, pids), guest_cost.calls(vm, pids))
+                for name, pids in processes.items()}, idle_io.read_counts(vm), time.monotonic()
+
+    account()
+    before, io_before, began = account()
+    time.sleep(seconds)
+    after, io_after, ended = account()
+    requests = idle_io.requests(io_after) - idle_io.requests(io_before)
+    rows = []
+    for name in processes:
+        cost = guest_cost.difference(after[name][0], before[name][0])
+        elapsed = ended - began
+        cpu = cost.cpu + cost.children
+        rows.append((name, cpu, cpu / elapsed, cost.wakeups / elapsed,
+                     (after[name][1] - before[name][1]) / elapsed, requests))
+    return rows
+
+
+def list_known_drives(vm, daemon):
+    """[listings for which the daemon ran no probe, their seconds, requests to any drive meanwhile,
+    listings that do not count because it did]"""
+    return json.loads(vm.sh(f"/run/known_lists.py {daemon.pid} {LISTINGS}", timeout=600).out)
