@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <unistd.h>
 
-// Ends the program where /sys is a kernel's own and that kernel is not a guest's to throw away: what
-// vanishes from the registry is unmounted, and whoever uses it is ended.
+// Ends the program where /sys is a kernel's own and that kernel is not a guest's to throw away:
+// what vanishes from the registry is unmounted, and whoever uses it is ended.
 inline void insist_on_made_up_machine()
 {
     if (access("/sys/kernel", F_OK) != 0 || access("/run/rig/throw-away", F_OK) == 0)
