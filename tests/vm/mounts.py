@@ -28,8 +28,9 @@ def mounted_as(vm, name):
 
 
 def entries_of_mnt(vm):
-    """What is in /mnt: {"sda": "", "^LABEL": "sda"}, with the targets of links."""
-    out = vm.sh(r"find /mnt -mindepth 1 -maxdepth 1 -printf '%f\t%l\0'").out
+    """What is in /mnt: {"sda": "", "^LABEL": "sda"}, with the targets of links. The housekeeping may
+    take something away just then."""
+    out = vm.sh(r"find /mnt -ignore_readdir_race -mindepth 1 -maxdepth 1 -printf '%f\t%l\0'").out
     return dict(entry.rsplit("\t", 1) for entry in out.split("\0") if entry)
 
 
