@@ -5,6 +5,7 @@ check.
 Where two must meet in the middle of what the daemon does, nothing is left to luck: strace stops the
 daemon behind the call that looked, the other one acts, and then the daemon goes on."""
 
+import itertools
 import os
 import re
 import signal
@@ -14,7 +15,9 @@ import pytest
 from machine import kernel, stand_ins
 from machine.clients import acting_as, wait_until
 from machine.drives import write
+from machine.evictions import kills
 from machine.machine import USERS
+from machine.traces import own_calls
 
 MIB = 1 << 20
 MOUNTED = "OK mount succeeded\n\n"
@@ -89,6 +92,43 @@ def test_a_zero_byte_behind_a_name_opens_no_door(machine):
     assert machine.ask("eject sdb\0", "guest") == "ERR no such device\n"
     assert stand_ins.mount_options("/mnt/sdb1") == before
     assert "Main" in machine.ask("list")
+
+
+def test_the_boot_and_the_main_device_are_roots(machine):
+    """However others ask, nothing is done: no mount is touched and nobody driven out. Then root
+    asks."""
+    stand_ins.install(machine)
+    for drive in ("sda", "sdb"):
+        machine.plug("sata", drive, MIB)
+        machine.part(f"{drive}1", 4096)
+    machine.mount_tmpfs("sdb1", "/mnt/sdb1")
+    machine.mount_table(["/dev/sda1 / ext4 ro,relatime", "/dev/sdb1 /mnt/sdb1 ext4"])
+    machine.probe_says("sda1", "BOOT", "ext4")
+    machine.probe_says("sdb1", "MAIN", "ext4")
+    machine.configure("main partition label = MAIN\n")
+    daemon = machine.start("--hotplug", trace=["-e", "trace=mount,umount2"])
+    daemon.wait_for("Found main partition on sdb part sdb1")
+    machine.made_up_process(1000001, cwd="/mnt/sdb1")
+    modes = ["mount ro", "mount rw", "mount off", "mount rudero", "mount rudeoff", "umount"]
+
+    def deeds():
+        return own_calls(daemon, "mount") + own_calls(daemon, "umount2")
+
+    before = deeds()
+    for user, mode in itertools.product(("guest", "nobody", "schedule"), modes):
+        for device in ("sda1", "/dev/sda1", "^BOOT", "sdb1", "/dev/sdb1", "^MAIN", "sda", "sdb"):
+            reply = machine.ask(f"{mode} {device}", user)
+            if user == "schedule":
+                assert reply == "ERR schedule items are not allowed to manipulate mount points\n"
+            elif device in ("sda", "sdb"):
+                assert reply.startswith("ERR please operate on ")
+            else:
+                assert reply == "ERR authorization required\n"
+    assert deeds() == before
+    assert kills(machine) == []
+    machine.ask("mount rudeoff sdb1")
+    assert 'umount2("/mnt/sdb1", 0)' in deeds()[len(before)]
+    assert len(kills(machine)) == 2
 
 
 def test_the_words_of_a_request_are_no_format(machine):
