@@ -9,8 +9,8 @@ import subprocess
 
 import pytest
 
-from machine.clients import Client, wait_until
-from machine.machine import sleep
+from machine.clients import Client, acting_as, wait_until
+from machine.machine import USERS, sleep
 
 UNKNOWN = "ERR unknown command\n"
 NOTHING = "ERR no command given\n"
@@ -374,6 +374,29 @@ def test_the_connection_below_a_removed_one_is_skipped_for_a_pass(machine):
 def test_the_user_is_the_one_who_connected(machine, user, reply):
     machine.start()
     assert machine.ask("refresh", user) == reply
+
+
+@pytest.mark.parametrize(
+    "before, after, reply",
+    [
+        ("root", "guest", "OK refreshed\n"),
+        ("guest", "root", "ERR you must be root to do that\n"),
+    ],
+)
+def test_who_becomes_somebody_else_stays_who_connected(machine, before, after, reply):
+    """Before he has spoken for the first time, and in a child that inherits the connection."""
+    machine.start()
+    client = machine.connect(before)
+    with acting_as(USERS[after]):
+        assert client.ask("refresh") == reply
+    child = os.fork()
+    if child == 0:
+        os.setresgid(*[USERS[after]] * 3)
+        os.setresuid(*[USERS[after]] * 3)
+        client.send("refresh\n")
+        os._exit(0)
+    assert client.reply() == reply
+    assert os.waitpid(child, 0) == (child, 0)
 
 
 def test_each_connection_has_its_own_user(machine):
