@@ -5,17 +5,17 @@ import random
 import re
 import time
 
-from expected import SOON, difference, wait_for_agreement
+from expected import SOON, VOCABULARY, difference, wait_for_agreement
 from holders import hold
 from mounts import entries_of_mnt, mounted_as
 from rig import Disk, images
 
-# It goes on for so many steps at least, and for so many seconds.
-STEPS = int(os.environ.get("QUARRYD_ENDURANCE_STEPS", 10))
+# It goes on until each kind of step was done, and for so many seconds.
 SECONDS = float(os.environ.get("QUARRYD_ENDURANCE_SECONDS", 0))
 SEED = int(os.environ.get("QUARRYD_ENDURANCE_SEED", 20))
-STICKS = {"alpha": ("usb", "ext4"), "beta": ("usb", "vfat"), "gamma": ("virtio-scsi", "ext4"),
-          "delta": ("nvme", "xfs")}
+# Bus, filesystem, and whether it is in a partition.
+STICKS = {"alpha": ("usb", "ext4", False), "beta": ("usb", "vfat", False),
+          "gamma": ("virtio-scsi", "ext4", True), "delta": ("nvme", "xfs", False)}
 HOLDERS = ("cwd", "file", "writer", "stubborn", "stopped")
 
 
@@ -24,9 +24,10 @@ _disks = {}
 
 def drives(folder):
     """None of them is in the machine when it starts."""
-    for id, (bus, kind) in STICKS.items():
-        image = images.fs(os.path.join(folder, id), "320M" if kind == "xfs" else "40M", kind,
-                          id.upper())
+    for id, (bus, kind, in_partition) in STICKS.items():
+        path, size = os.path.join(folder, id), "320M" if kind == "xfs" else "40M"
+        image = (images.disk(path, "48M", [(size, "83", kind, id.upper())]) if in_partition else
+                 images.fs(path, size, kind, id.upper()))
         _disks[id] = Disk(bus, image, id=id)
     return []
 
@@ -36,8 +37,8 @@ class Stick:
 
     def __init__(self, vm, id):
         self.vm, self.id, self.label = vm, id, id.upper()
-        self.bus, self.kind = STICKS[id]
-        self.name = None                 # the kernel's name, while it is plugged
+        self.bus, self.kind, self.in_partition = STICKS[id]
+        self.name = None                 # the kernel's, of what is mounted, while it is plugged
         self.mode = None                 # "ro" or "rw", while it is mounted
         self.files, self.written = {}, 0
         self.holders = {}                # pid: how
@@ -52,10 +53,12 @@ class Stick:
 class Life:
     """The steps. Each does one thing to one stick and writes down what must be true now."""
 
-    def __init__(self, vm, daemon, chance):
-        self.vm, self.daemon, self.chance = vm, daemon, chance
+    def __init__(self, vm, chance):
+        self.vm, self.chance = vm, chance
+        self.daemon, self.cpu = vm.daemon(["--hotplug"]), 0.0
         self.sticks = [Stick(vm, id) for id in STICKS]
         self.story = []
+        self.missing = set(KINDS)
 
     def possible(self, stick):
         """The steps that make sense for a stick as it is, the frequent ones more than once."""
@@ -72,10 +75,19 @@ class Life:
         return steps
 
     def step(self):
-        stick = self.chance.choice(self.sticks)
-        step = self.chance.choice(self.possible(stick) + [self.ask] * (self.chance.random() < .2))
-        self.story.append("%s %s %s %s %s" % (step.__name__, stick.id, stick.name, stick.mode,
-                                              sorted(stick.holders.values())))
+        """What was not done yet goes first, or what leads there; then it is all chance."""
+        choices = [(step, stick) for stick in self.sticks for step in self.possible(stick)]
+        if not any(stick.holders for stick in self.sticks):
+            choices.append((self.restart, self.sticks[0]))
+        choices.append((self.ask, self.sticks[0]))
+        news = [choice for choice in choices if kind_of(*choice) in self.missing]
+        if self.missing and not news:
+            news = [choice for choice in choices
+                    if choice[0] in (self.plug, self.mount, self.be_held)]
+        step, stick = self.chance.choice(news or choices)
+        self.missing.discard(kind_of(step, stick))
+        self.story.append("%s %s %s %s %s" % (kind_of(step, stick), stick.id, stick.name,
+                                              stick.mode, sorted(stick.holders.values())))
         step(stick)
         self.check()
 
@@ -89,11 +101,37 @@ class Life:
             self.request(text, r"(?s)OK.*")
         self.request(self.chance.choice(["polling", "hotplug"]), r"OK.*\n")
         self.request("mount rw nonsense", r"ERR device does not exist .*\n")
+        # A drive that somebody has just opened is not looked into, and tells nothing.
+        self.vm.wait_until(lambda: all(self.told_of(stick) == self.truth_of(stick)
+                                       for stick in self.sticks if stick.name), SOON,
+                           lambda: self.vm.request("list"))
+
+    def told_of(self, stick):
+        """Label, size and filesystem, as the list has them."""
+        rows = [line.split("\t") for line in self.vm.request("list", timeout=40).splitlines()]
+        row = next(fields for fields in rows if stick.name in fields[1:3])
+        first = row.index(stick.name)
+        return row[first + 3], row[first + 4], row[first + 8]
+
+    def truth_of(self, stick):
+        sectors = int(self.vm.text("/sys/class/block/%s/size" % stick.name))
+        return stick.label, str(512 * sectors), VOCABULARY.get(stick.kind, stick.kind)
+
+    def restart(self, _):
+        """An orderly end lets go of everything, and the next daemon finds everything again."""
+        self.cpu += cpu_seconds(self.daemon)
+        assert self.daemon.stop(60) == 0
+        assert "/mnt/" not in self.vm.text("/proc/mounts") and entries_of_mnt(self.vm) == {}
+        for stick in self.sticks:
+            stick.mode = None
+        self.daemon = self.vm.daemon(["--hotplug"])
+        wait_for_agreement(self.vm)
 
     def plug(self, stick):
         self.vm.plug(_disks[stick.id])
+        stick.name = (self.vm.parts(stick.id, 1)[0] if stick.in_partition
+                      else self.vm.node(stick.id))
         wait_for_agreement(self.vm)
-        stick.name = self.vm.node(stick.id)
 
     def pull(self, stick):
         self.vm.unplug(stick.id)
@@ -144,6 +182,14 @@ class Life:
         else:
             self.request("umount ^" + stick.label, r"OK unmount succeeded\n")
             stick.mode = None
+            self.is_sound(stick)
+
+    def is_sound(self, stick):
+        """What is not mounted any more is as it should be, without a repair."""
+        checker = {"ext4": "e2fsck -fn", "xfs": "xfs_repair -n"}.get(stick.kind)
+        if checker:
+            self.vm.sh("%s /dev/%s >/run/rig/fsck 2>&1 || { cat /run/rig/fsck; false; }"
+                       % (checker, stick.name))
 
     def unmount_again(self, stick):
         self.request("umount " + stick.name, r"OK its not mounted anyway\n")
@@ -151,6 +197,7 @@ class Life:
     def unmount_rudely(self, stick):
         self.request("mount rudeoff " + stick.name, r"OK unmount succeeded\n")
         self.is_released(stick)
+        self.is_sound(stick)
 
     def write(self, stick):
         stick.written += 1
@@ -193,12 +240,42 @@ class Life:
         # What dangles after a drive was pulled goes with the next housekeeping.
         self.vm.wait_until(lambda: entries_of_mnt(self.vm) == links, SOON + 5,
                            lambda: "/mnt is %s, not %s" % (entries_of_mnt(self.vm), links))
-        mounts = set(re.findall(r" /mnt/(\S+) ", self.vm.text("/proc/mounts")))
-        assert mounts == {name for name, target in links.items() if not target}
+        # Each once, and nowhere else.
+        mounts = re.findall(r"^(\S+) /mnt/(\S+) ", self.vm.text("/proc/mounts"), re.M)
+        assert sorted(mounts) == sorted(("/dev/" + name, name)
+                                        for name, target in links.items() if not target)
+
+
+def kind_of(step, stick):
+    """A step's name and what makes it another one: that the stick is mounted, or held."""
+    state = (" held" if stick.holders else " mounted" if stick.mode else "")
+    return step.__name__ + (state if step.__name__ in ("pull", "unmount_rudely") else "")
+
+
+KINDS = ("plug", "mount", "remount", "remount_rudely", "unmount", "unmount_again", "write", "fill",
+         "be_held", "read_again", "ask", "restart", "unmount_rudely held", "pull", "pull mounted",
+         "pull held")
 
 
 def descriptors(daemon):
-    return daemon.vm.sh("ls /proc/%d/fd | wc -l" % daemon.pid).out.strip()
+    """What is open, but for the numbers of sockets."""
+    return sorted(re.sub(r"\d+", "N", line) for line in daemon.vm.sh(
+        "for fd in /proc/%d/fd/*; do readlink $fd; done" % daemon.pid).out.splitlines())
+
+
+def cpu_seconds(daemon):
+    """Its own, without its children's."""
+    fields = daemon.vm.text("/proc/%d/stat" % daemon.pid).rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / 100
+
+
+def children(daemon):
+    return daemon.vm.sh("cat /proc/%d/task/*/children" % daemon.pid).out.split()
+
+
+# What the kernel says of a filesystem that was written wrongly, or of a task that waits for ever.
+KERNEL_COMPLAINTS = re.compile(
+    "blocked for more than|BUG:|Oops|[Cc]hecksum error|[Cc]orruption detected")
 
 
 def resident_kilobytes(daemon):
@@ -210,24 +287,30 @@ def test_registry_mounts_and_files_stay_true(fresh):
     what is mounted is what was asked for, /mnt holds its folders and links and nothing else, who
     was driven out is gone and who was not is there, and every synced file has its bytes."""
     fresh.udevd()
-    daemon = fresh.daemon(["--hotplug"])
-    life = Life(fresh, daemon, random.Random(SEED))
+    life = Life(fresh, random.Random(SEED))
     life.check()
-    before = descriptors(daemon)
-    began = time.monotonic()
-    memory = None
+    opened, began, memory = descriptors(life.daemon), time.monotonic(), {}
     try:
-        while len(life.story) < STEPS or time.monotonic() - began < SECONDS:
+        while life.missing or time.monotonic() - began < SECONDS:
             life.step()
-            if memory is None and len(life.story) == 20:
-                memory = resident_kilobytes(daemon)
+            memory.setdefault(life.daemon.pid, []).append(resident_kilobytes(life.daemon))
+            assert len(life.story) < 200 or not life.missing, life.missing
     except BaseException:
-        print("\n".join(life.story[-40:]))
+        print("%d steps, the last of them:\n%s" % (len(life.story), "\n".join(life.story[-40:])))
         raise
     steps = [line.split()[0] for line in life.story]
-    print("%d steps: %s" % (len(steps), ", ".join(
-        "%s %d" % (name, steps.count(name)) for name in sorted(set(steps)))))
-    assert descriptors(daemon) == before
-    assert memory is None or resident_kilobytes(daemon) < memory + 300
-    assert daemon.stop(60) == 0
+    cpu = life.cpu + cpu_seconds(life.daemon)
+    print("%d steps in %.0f s: %s\nresident KiB of each daemon: %s; %.0f s of CPU time" % (
+        len(steps), time.monotonic() - began, ", ".join(
+            "%s %d" % (name, steps.count(name)) for name in sorted(set(steps))),
+        ", ".join("%d to %d in %d steps" % (sizes[0], max(sizes), len(sizes))
+                  for sizes in memory.values()), cpu))
+    assert descriptors(life.daemon) == opened
+    fresh.wait_until(lambda: not children(life.daemon), 5, "the end of its children")
+    for sizes in memory.values():           # the first steps bring what it needs
+        assert max(sizes[20:], default=0) < max(sizes[:20]) + 200
+    assert cpu < 0.5 * (time.monotonic() - began)
+    said = fresh.sh("dmesg").out
+    assert not KERNEL_COMPLAINTS.search(said), said[-5000:]
+    assert life.daemon.stop(60) == 0
     assert "/mnt/" not in fresh.text("/proc/mounts") and entries_of_mnt(fresh) == {}
