@@ -16,20 +16,19 @@ def pids(vm, *names):
 
 
 def of(vm, processes):
-    """CPU time of all their threads, that of the children they have waited for (in steps of ten
-    milliseconds), and how often they have gone to sleep and been woken."""
-    out = vm.sh("for pid in %s; do cat /proc/$pid/task/*/schedstat; "
-                "cat /proc/$pid/task/*/status | grep ^voluntary; "
+    """CPU time of the processes with all threads that they ever had, that of the children they have
+    waited for (both in steps of ten milliseconds), and how often their threads have gone to sleep
+    and been woken."""
+    out = vm.sh("for pid in %s; do cat /proc/$pid/task/*/status | grep ^voluntary; "
                 "sed 's/^.*)/stat/' /proc/$pid/stat; done" % " ".join(map(str, processes))).out
     cpu = children = wakeups = 0
     for line in out.splitlines():
         words = line.split()
         if words[0] == "stat":
+            cpu += 10 * (int(words[12]) + int(words[13]))
             children += 10 * (int(words[14]) + int(words[15]))
-        elif words[0] == "voluntary_ctxt_switches:":
-            wakeups += int(words[1])
         else:
-            cpu += int(words[0]) / 1e6
+            wakeups += int(words[1])
     return Cost(cpu, children, wakeups)
 
 
@@ -43,8 +42,16 @@ def count_calls(vm):
           f"echo hist:keys=common_pid:size=4096 >{CALLS}/trigger")
 
 
-def calls(vm, processes):
-    """How many calls of theirs have been counted."""
-    threads = vm.sh("ls %s" % " ".join(f"/proc/{pid}/task" for pid in processes)).out.split()
-    counts = dict(re.findall(r"common_pid: +(\d+) } hitcount: +(\d+)", vm.text(f"{CALLS}/hist")))
-    return sum(int(counts.get(thread, 0)) for thread in threads)
+def calls(vm):
+    """{thread: how many calls of its have been counted}, of everybody."""
+    return {int(thread): int(count) for thread, count in re.findall(
+        r"common_pid: +(\d+) } hitcount: +(\d+)", vm.text(f"{CALLS}/hist"))}
+
+
+def threads(vm, processes):
+    return set(map(int, vm.sh("ls %s | grep '^[0-9]'" % " ".join(
+        f"/proc/{pid}/task" for pid in processes)).out.split()))
+
+
+def calls_between(before, after, of_threads):
+    return sum(after.get(thread, 0) - before.get(thread, 0) for thread in of_threads)

@@ -6,7 +6,6 @@ import os
 import sys
 import tempfile
 import time
-from concurrent import futures
 
 import guest_cost
 import idle_io
@@ -25,8 +24,7 @@ def run(report, long):
     os.environ["QUARRYD_STAGE"] = programs.stage()
     os.environ["QUARRYD_GUEST_PACKAGES"] = udisks2.PACKAGES
     seconds = 600 if long else 20
-    with futures.ThreadPoolExecutor(2) as pool:  # a guest for each, two at once
-        results = list(pool.map(measure, SUBJECTS, [seconds] * len(SUBJECTS)))
+    results = [measure(subject, seconds) for subject in SUBJECTS]
     del os.environ["QUARRYD_GUEST_PACKAGES"]
     rows = [row for windows, _listings in results for row in windows]
     report.table(f"{seconds} idle seconds of a virtual machine",
@@ -69,21 +67,22 @@ def idle(vm, processes, seconds):
     time.sleep(5)
 
     def account():  # the programs that look are in memory after the first time
-        return {name: (guest_cost.of(vm, pids), guest_cost.calls(vm, pids))
-                for name, pids in processes.items()}, idle_io.read_counts(vm), time.monotonic()
+        return ({name: (guest_cost.of(vm, pids), guest_cost.threads(vm, pids))
+                 for name, pids in processes.items()},
+                guest_cost.calls(vm), idle_io.requests(idle_io.read_counts(vm)), time.monotonic())
 
     account()
-    before, io_before, began = account()
+    before, calls_before, requests_before, began = account()
     time.sleep(seconds)
-    after, io_after, ended = account()
-    requests = idle_io.requests(io_after) - idle_io.requests(io_before)
+    after, calls_after, requests_after, ended = account()
+    elapsed = ended - began
     rows = []
     for name in processes:
         cost = guest_cost.difference(after[name][0], before[name][0])
-        elapsed = ended - began
+        calls = guest_cost.calls_between(calls_before, calls_after, before[name][1] | after[name][1])
         cpu = cost.cpu + cost.children
-        rows.append((name, cpu, cpu / elapsed, cost.wakeups / elapsed,
-                     (after[name][1] - before[name][1]) / elapsed, requests))
+        rows.append((name, cpu, cpu / elapsed, cost.wakeups / elapsed, calls / elapsed,
+                     requests_after - requests_before))
     return rows
 
 
