@@ -51,7 +51,8 @@ def run(report, long):
                  ("drives", *COLUMNS), rows)
     last = min(max(sizes), STOOD)
     for number, column in enumerate(COLUMNS[:4]):  # what was not measured breaks its bound
-        report.bound(f"growth of: {column.split(',')[0]}, from {FROM} to {last:,} drives in a guest",
+        what = column.split(",")[0]
+        report.bound(f"growth of: {what}, from {FROM} to {last:,} drives in a guest",
                      exponent(FROM, last, values[FROM][number], values[last][number]),
                      GROWTH_LIMIT)
 
@@ -82,11 +83,12 @@ def measure(size):
 
 
 def mean_cpu(vm, command, size, counts):
-    """CPU milliseconds of one round. The guest's clock of CPU time may be a coarse one, so that what is
-    short has to be done often."""
+    """CPU milliseconds of one round. The guest's clock of CPU time may be a coarse one, so that
+    what is short has to be done often."""
     rounds = ROUNDS + 2000 // size
     out = vm.sh(f"/run/{command} {rounds} 2>/dev/null", timeout=PATIENCE).out
-    return statistics.mean(float(line.split()[2]) / 1e3 for line in out.splitlines() if counts(line))
+    return statistics.mean(float(line.split()[2]) / 1e3
+                           for line in out.splitlines() if counts(line))
 
 
 def plug(vm, size):

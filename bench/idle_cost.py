@@ -35,8 +35,8 @@ def run(report, long):
             report.bound(f"wake-ups of an idle second, {name}", wakeups, 1.05 * WAKEUPS)
             report.bound(f"requests to idle drives, {name}", requests, 0)
     count, elapsed, requests, left_out = results[1][1]
-    report.note(f"{count} listings in {elapsed:.1f} s with all filesystems known: {requests} requests "
-                f"to any drive ({left_out} more for which a probe was run do not count).")
+    report.note(f"{count} listings in {elapsed:.1f} s with all filesystems known: {requests} "
+                f"requests to any drive ({left_out} more for which a probe was run do not count).")
     report.bound(f"requests to drives by {LISTINGS} listings with all known", requests, 0)
 
 
@@ -79,7 +79,8 @@ def idle(vm, processes, seconds):
     rows = []
     for name in processes:
         cost = guest_cost.difference(after[name][0], before[name][0])
-        calls = guest_cost.calls_between(calls_before, calls_after, before[name][1] | after[name][1])
+        threads = before[name][1] | after[name][1]
+        calls = guest_cost.calls_between(calls_before, calls_after, threads)
         cpu = cost.cpu + cost.children
         rows.append((name, cpu, cpu / elapsed, cost.wakeups / elapsed, calls / elapsed,
                      requests_after - requests_before))

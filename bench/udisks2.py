@@ -12,7 +12,7 @@ cat /run/udisksd.log; exit 1"""
 
 
 def tell_udevd(vm, timeout=100):
-    """Has udevd, which runs already, look at all devices: what it finds out is what udisks2 knows."""
+    """Has udevd, which runs already, look at all devices: what it finds is what udisks2 knows."""
     vm.sh(f"udevadm trigger --action=add; udevadm settle --timeout={timeout}", timeout=timeout + 10)
 
 

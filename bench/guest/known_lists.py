@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """In the guest: known_lists.py PID COUNT asks the daemon with that id for the list until so many
-replies came for which it ran no probe, and prints, as JSON, how many it were, the seconds they took,
-the requests to any drive meanwhile, and how many replies it left out because a probe was run."""
+replies came for which it ran no probe, and prints, as JSON, how many it were, the seconds they
+took, the requests to any drive meanwhile, and how many replies it left out because a probe was
+run."""
 
 import glob
 import json
