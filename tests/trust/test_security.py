@@ -13,6 +13,7 @@ import signal
 import pytest
 
 from machine import kernel, stand_ins
+from machine.client import asked_for_json
 from machine.clients import acting_as, wait_until
 from machine.drives import write
 from machine.evictions import kills
@@ -44,6 +45,12 @@ def wait_for_the_stop(daemon):
 
 def go_on(daemon):
     os.kill(daemon.pid, signal.SIGCONT)
+
+
+def state_of(pid):
+    """The kernel's letter for what a process does."""
+    with open(f"/.proc/{pid}/stat") as file:
+        return file.read().rpartition(")")[2].split()[0]
 
 
 def denied_to(user, *attempts):
@@ -313,6 +320,103 @@ def test_nobody_else_looks_into_the_script_directories(machine):
             lambda folder=folder: write(f"{folder}/mine", ""),
             lambda folder=folder: os.rename(folder, "/var/quarryd/away"),
         )
+
+
+HOOKS = "/var/quarryd/mount-notify"
+VETOED = "ERR mounting was vetoed by notification script\n"
+
+
+@pytest.mark.parametrize("mode, owner", [(0o777, 0), (0o700, 1000), (0o1777, 0)], ids=lambda value: f"{value:o}")
+def test_a_script_directory_that_is_not_roots_is_used_as_it_is(machine, mode, owner):
+    """The daemon neither mends it nor warns of it: what a user puts there runs as root. That there
+    is such a directory, `quarryctl check` says, before there is anything in it."""
+    stand_ins.exfat_stick(machine)
+    os.makedirs(HOOKS)
+    os.chmod(HOOKS, mode)
+    os.chown(HOOKS, owner, owner)
+    found = asked_for_json("check", status=1)["findings"]
+    assert ("writable-by-others", HOOKS) in [(one["code"], one["place"]) for one in found]
+    with acting_as(USERS["guest"]):
+        machine.script(f"{HOOKS}/mine", "id -u > /run/heard; exit 0\n")
+    machine.start("--hotplug")
+    assert machine.ask("mount rw sdb1") == MOUNTED
+    with open("/run/heard") as file:
+        assert file.read() == "0\n"
+    status = os.stat(HOOKS)
+    assert (status.st_mode & 0o7777, status.st_uid) == (mode, owner)
+
+
+@pytest.mark.parametrize("instead", ["nothing", "another", "no program"])
+def test_a_script_that_changes_while_it_runs_ends_as_it_began(machine, instead):
+    """It stops in its middle, and what has its name meanwhile is asked about the next mount."""
+    stand_ins.exfat_stick(machine)
+    hook = f"{HOOKS}/hook"
+    machine.script(hook, "echo $$ > /run/.pid; mv /run/.pid /run/pid; kill -STOP $$; exit 1\n")
+    machine.start("--hotplug")
+    with machine.connect() as client:
+        client.send("mount rw sdb1\n")
+        wait_until(lambda: os.path.exists("/run/pid"), what="the script")
+        with open("/run/pid") as file:
+            pid = int(file.read())
+        wait_until(lambda: state_of(pid) == "T", what="the script's stop")
+        os.unlink(hook)
+        if instead == "another":
+            machine.script(hook, "exit 0\n")
+        elif instead == "no program":
+            write(hook, "")
+        os.kill(pid, signal.SIGCONT)
+        assert client.reply() == VETOED
+    assert machine.ask("mount rw sdb1") == (VETOED if instead == "no program" else MOUNTED)
+
+
+@pytest.mark.parametrize("instead", ["nothing", "another"])
+def test_a_script_that_changes_before_it_runs(machine, instead):
+    """Between the look at it and its start: one that is gone is one that cannot be run, and what
+    has its name is run, for nobody but root can have put it there."""
+    stand_ins.exfat_stick(machine)
+    machine.script(f"{HOOKS}/hook", "exit 1\n")
+    daemon = machine.start("--hotplug", **stopping("newfstatat", f"{HOOKS}/hook"))
+    with machine.connect() as client:
+        client.send("mount rw sdb1\n")
+        wait_for_the_stop(daemon)
+        os.unlink(f"{HOOKS}/hook")
+        if instead == "another":
+            machine.script(f"{HOOKS}/hook", "exit 0\n")
+        go_on(daemon)
+        assert client.reply() == (VETOED if instead == "nothing" else MOUNTED)
+
+
+ASKING = """#!/usr/bin/python3
+import os, socket, sys
+if sys.argv[2] != "about-to-mount":
+    sys.exit(0)
+daemon = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+daemon.connect("\\0quarryd")
+daemon.send(b"list\\n")
+with open("/run/.pid", "w") as file:
+    print(os.getpid(), file=file)
+os.rename("/run/.pid", "/run/pid")
+daemon.recv(1)
+open("/run/answered", "w")
+"""
+
+
+def test_a_hook_that_asks_the_daemon_stops_both(machine):
+    """The three seconds that hooks have do not help: nobody is served until somebody ends the hook,
+    which then forbids nothing."""
+    stand_ins.exfat_stick(machine)
+    machine.script(f"{HOOKS}/asks", ASKING)
+    machine.start("--hotplug")
+    with machine.connect() as client, machine.connect() as another:
+        client.send("mount rw sdb1\n")
+        wait_until(lambda: os.path.exists("/run/pid"), what="the hook's question")
+        another.send("a pass\n")
+        assert another.is_silent(3.5) and client.is_silent(0.1)
+        with open("/run/pid") as file:
+            os.kill(int(file.read()), signal.SIGKILL)
+        assert client.reply() == MOUNTED
+        assert another.reply() == "ERR unknown command\n"
+    assert not os.path.exists("/run/answered")
 
 
 # The table.
