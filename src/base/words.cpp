@@ -38,6 +38,12 @@ void mask_controls(std::string &text)
         [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '_');
 }
 
+std::string without_controls(std::string text)
+{
+    mask_controls(text);
+    return text;
+}
+
 std::string strip_dev(const std::string &word)
 {
     return word.size() > 4 && word.starts_with("/dev/") ? word.substr(5) : word;

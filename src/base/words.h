@@ -21,6 +21,9 @@ void skip_run(std::string_view &rest, char separator);
 // in rows and columns, which such a character would break.
 void mask_controls(std::string &text);
 
+// The same text with "_" in those places, for a line of the log.
+std::string without_controls(std::string text);
+
 // The name of a device as the registry knows it: without "/dev/" when the word begins with that.
 std::string strip_dev(const std::string &word);
 

@@ -21,6 +21,7 @@
 #include "base/descriptor.h"
 #include "base/directory.h"
 #include "base/small_files.h"
+#include "base/words.h"
 
 static const size_t used_link_limit = 511;
 static const size_t open_link_limit = 255;
@@ -121,15 +122,17 @@ static std::string command_of(int pid)
     return got < 1 ? unknown : std::string(text);
 }
 
+// A process writes its command line itself: a line end or an escape sequence in it would let it
+// write lines of the log, and to the terminal of whoever reads them.
 static void signal_user(int pid, int pass)
 {
     if (pass == first_pass) {
         syslog(LOG_INFO, "%d: %s is using mount points. terminating...", pid,
-               command_of(pid).c_str());
+               without_controls(command_of(pid)).c_str());
         kill(pid, SIGTERM);
     } else if (pass == last_pass) {
         syslog(LOG_INFO, "%d: %s is still using mount point. forcibly terminating...", pid,
-               command_of(pid).c_str());
+               without_controls(command_of(pid)).c_str());
         kill(pid, SIGKILL);
         kill(pid, SIGCONT); // a stopped process dies too
     }

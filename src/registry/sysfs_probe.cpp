@@ -144,9 +144,7 @@ static std::string ide_type(const std::string &media)
 // line end in its name must not end a row of a listing.
 static std::string read_name(const std::string &path)
 {
-    std::string name = read_sysfs_text(path);
-    mask_controls(name);
-    return name;
+    return without_controls(read_sysfs_text(path));
 }
 
 // Model and serial number, with the blank between them even when one of the two is missing.

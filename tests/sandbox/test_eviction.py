@@ -168,6 +168,23 @@ def test_process_without_a_command_line(machine):
     assert not os.path.exists("/mnt/sdb1")
 
 
+def test_a_command_line_forges_nothing_in_the_log(machine):
+    """Who holds a mount has written his own command line: it is one line of the log, without a
+    character that a terminal or a log would obey. What is not ASCII stays as it is."""
+    mounted_stick(machine)
+    command = "a\n<0>quarryd: forged\x1b[2J\r\t\x7fé"
+    machine.made_up_process(1000001, cwd="/mnt/sdb1", command=command)
+    daemon = machine.start()
+    machine.settle()
+    machine.unplug("sdb")
+    daemon.wait_for("Device sdb just disappeared", timeout=10)
+    told = "1000001: a_<0>quarryd: forged_[2J___é is "
+    assert kills(machine) == [
+        told + "using mount points. terminating...",
+        told + "still using mount point. forcibly terminating...",
+    ]
+
+
 def test_who_cannot_be_asked_holds_nothing_up(machine):
     """The command line of a process whose memory is locked for ever, by a wait for some dead
     filesystem, is not to be had; it is signalled all the same, and the device let go of."""
