@@ -202,6 +202,29 @@ def test_a_label_with_format_characters_is_text(machine):
     assert "Label: '%s%d%n'\n  'filesystem' = '%x'\n" in daemon.stderr()
 
 
+def test_what_the_probe_says_is_taken_as_it_comes(machine):
+    """volsniffer itself says no control characters. One that was taken over by what it read could
+    move the columns of its own device's rows, and that is all: a row ends where it did, and no
+    other device's row changes."""
+    drive(machine)
+    drive(machine, "sdc")
+    machine.probe_says("sdc", "DATA", "ext4")
+    before = {}
+    daemon = machine.start()
+    for listing in ("list", "list human", "enumerate"):
+        before[listing] = machine.ask(listing).split("\n")
+    write(f"{ANSWERS}/sdd", "A\tB\r\x1b[2J\n  filesystem: x\ty\x1b[2J\n")
+    drive(machine, "sdd")
+    daemon.wait_for("Device sdd just appeared")
+    rows = [row for row in machine.ask("list").split("\n") if row not in before["list"]]
+    assert len(rows) == 1
+    assert rows[0].startswith("OK- \tsdd\t") and rows[0].endswith("\tx\ty\x1b[2J")
+    assert "\tA\tB\r\x1b[2J\t" in rows[0]
+    for listing, lines in before.items():
+        now = machine.ask(listing).split("\n")
+        assert [row for row in now if "sdd" not in row] == lines
+
+
 def test_refused_pipe_leaves_the_record_as_it_is(machine):
     """Nothing is learnt and nothing marked: the next listing tries again."""
     drive(machine)
