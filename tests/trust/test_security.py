@@ -16,7 +16,7 @@ from machine import kernel, stand_ins
 from machine.client import asked_for_json
 from machine.clients import acting_as, wait_until
 from machine.drives import write
-from machine.evictions import kills
+from machine.evictions import forcibly, kills, terminating
 from machine.machine import USERS
 from machine.traces import own_calls
 
@@ -288,6 +288,82 @@ def test_a_device_that_is_replaced_before_its_mount_is_no_less_protected(machine
     assert os.listdir("/root") == []
     assert machine.ask("umount sdb1") == "OK unmount succeeded\n"
     assert os.listdir("/mnt") == []
+
+
+# Who dodges an eviction.
+
+
+def mounted_stick(machine, **keys):
+    """The daemon, with a stick mounted that has a file and a folder of a user."""
+    stand_ins.exfat_stick(machine)
+    daemon = machine.start("--hotplug", **keys)
+    assert machine.ask("mount rw sdb1") == MOUNTED
+    write("/mnt/sdb1/file", "x" * 4096)
+    os.mkdir("/mnt/sdb1/folder")
+    os.chown("/mnt/sdb1/folder", USERS["guest"], USERS["guest"])
+    return daemon
+
+
+def go_on_with_the_eviction(daemon):
+    """It is a child of the daemon's that was stopped."""
+    pids = [line.split()[0] for line in daemon.trace() if "stopped by SIGSTOP" in line]
+    assert pids != [str(daemon.pid)]
+    os.kill(int(pids[0]), signal.SIGCONT)
+
+
+def test_who_leaves_an_heir_is_outlived_by_a_second(machine):
+    """Who forks is told to end once. His child, born behind the pass that told him, is killed in
+    the last one, unwarned."""
+    daemon = mounted_stick(machine, **stopping("openat", "/proc", when=2))
+    holder = machine.troublemaker("holder", "--heir", "--cwd", "/mnt/sdb1")
+    with machine.connect() as client:
+        client.send("mount rudeoff sdb1\n")
+        wait_for_the_stop(daemon)
+        assert holder.wait(5) == 0
+        go_on_with_the_eviction(daemon)
+        assert client.reply() == "OK unmount succeeded\n"
+    told, killed = kills(machine)
+    assert told == terminating(holder)
+    assert "is still using mount point. forcibly terminating..." in killed
+    assert not killed.startswith(f"{holder.pid}:")
+
+
+def test_who_is_seen_by_no_pass_keeps_the_mount(machine):
+    """So does who forks fast enough to have a child there that was born behind the last pass: the
+    unmount fails as a polite one would. The next one that sees him drives him out."""
+    mounted_stick(machine)
+    late = machine.troublemaker("holder", "--cwd", "/mnt/sdb1", show=False)
+    assert machine.ask("mount rudeoff sdb1") == "ERR unmount failed\n"
+    assert late.poll() is None
+    machine.show_process(late.pid)
+    assert machine.ask("mount rudeoff sdb1") == "OK unmount succeeded\n"
+    assert late.wait(5) == -signal.SIGTERM
+
+
+def test_who_has_mapped_a_file_is_not_seen(machine):
+    """What is mapped into a memory and closed is no open file: nobody is ended, the unmount fails,
+    whoever asks and however often."""
+    mounted_stick(machine)
+    holder = machine.troublemaker("holder", "--map", "/mnt/sdb1/file")
+    for _ in range(2):
+        assert machine.ask("mount rudeoff sdb1") == "ERR unmount failed\n"
+    assert kills(machine) == [] and holder.poll() is None
+    holder.kill()
+    holder.wait()
+    assert machine.ask("mount rudeoff sdb1") == "OK unmount succeeded\n"
+
+
+def test_who_mounts_something_below_keeps_the_mount(machine):
+    """A file system on a folder of the stick, and be its server dead: the unmount fails until root
+    takes it away. Nobody waits for the server, and a remount goes on as ever."""
+    mounted_stick(machine)
+    server = machine.troublemaker("mute_server", "x", "/mnt/sdb1/folder")
+    server.send_signal(signal.SIGUSR1)
+    assert server.stdout.readline() == "mute\n"
+    assert machine.ask("mount rudeoff sdb1") == "ERR unmount failed\n"
+    assert kills(machine) == [] and server.poll() is None
+    kernel.umount("/mnt/sdb1/folder", kernel.MNT_DETACH)
+    assert machine.ask("mount rudeoff sdb1") == "OK unmount succeeded\n"
 
 
 # Script directories.

@@ -1,7 +1,8 @@
 """A process that holds on to something: --cwd DIR, --root DIR, --read FILE, --write FILE, --map FILE.
 
 --ignore-term makes it deaf to SIGTERM, --stop puts it to sleep for good (SIGSTOP). SIGUSR1 makes it
-leave in peace. Prints "ready" when it holds everything.
+leave in peace. --heir has it leave a child in its place when it is told to end, who does the same.
+Prints "ready" when it holds everything.
 """
 
 import mmap
@@ -10,6 +11,14 @@ import signal
 import sys
 import time
 
+
+def leave_an_heir(*_arguments):
+    child = os.fork()
+    if child:
+        os.symlink(f"/.proc/{child}", f"/proc/{child}")  # for the daemon to see
+        os._exit(0)
+
+
 held = []
 stops = False
 words = sys.argv[1:]
@@ -17,6 +26,8 @@ while words:
     option = words.pop(0)
     if option == "--ignore-term":
         signal.signal(signal.SIGTERM, signal.SIG_IGN)
+    elif option == "--heir":
+        signal.signal(signal.SIGTERM, leave_an_heir)
     elif option == "--stop":
         stops = True
     elif option == "--cwd":
