@@ -366,6 +366,88 @@ def test_who_mounts_something_below_keeps_the_mount(machine):
     assert machine.ask("mount rudeoff sdb1") == "OK unmount succeeded\n"
 
 
+def hermit(machine, user, prepare):
+    """A process of that user in namespaces of his own, which the daemon sees. prepare() is called
+    in there, and what that returned, and returns bytes, when a byte is written to the second of two
+    pipes; the first one has the bytes."""
+    hears, speaks = os.pipe()
+    told, tell = os.pipe()
+    pid = os.fork()
+    if pid == 0:
+        kernel.die_with_parent()
+        os.setresgid(*[USERS[user]] * 3)
+        os.setresuid(*[USERS[user]] * 3)
+        kernel.be_asked_about()
+        kernel.unshare(kernel.CLONE_NEWUSER | kernel.CLONE_NEWNS)
+        write("/.proc/self/uid_map", f"0 {USERS[user]} 1\n")
+        write("/.proc/self/setgroups", "deny")
+        write("/.proc/self/gid_map", f"0 {USERS[user]} 1\n")
+        kernel.mount(None, "/", None, kernel.MS_REC | kernel.MS_PRIVATE)
+        finish = prepare()
+        os.write(speaks, b"ready")
+        os.read(told, 1)
+        os.write(speaks, finish())
+        os._exit(0)
+    os.close(speaks)
+    assert os.read(hears, 100) == b"ready"
+    machine.show_process(pid)
+    return hears, tell
+
+
+@pytest.mark.parametrize("where", ["/mnt/sdb1", "/srv/hidden"])
+def test_a_copy_of_a_mount_in_a_namespace_of_its_own(machine, where):
+    """Nobody here can unmount it, and it makes nothing busy. In the mount's own place it goes with
+    the directory; elsewhere the file system goes on in there, though the unmount succeeds."""
+    mounted_stick(machine)
+    os.makedirs("/srv/hidden", exist_ok=True)
+    write("/mnt/sdb1/file", "still there")
+
+    def prepare():
+        if where != "/mnt/sdb1":
+            kernel.mount("mine", "/srv", "tmpfs")
+            os.mkdir(where)
+            kernel.mount("/mnt/sdb1", where, None, kernel.MS_BIND)
+        return content
+
+    def content():
+        try:
+            with open(f"{where}/file", "rb") as file:
+                return file.read()
+        except FileNotFoundError:
+            return b"gone"
+
+    hears, tell = hermit(machine, "guest", prepare)
+    assert machine.ask("mount rudeoff sdb1") == "OK unmount succeeded\n"
+    assert kills(machine) == []
+    assert not os.path.exists("/mnt/sdb1")
+    os.write(tell, b".")
+    assert os.read(hears, 100) == (b"gone" if where == "/mnt/sdb1" else b"still there")
+
+
+def test_a_name_in_a_foreign_namespace_makes_a_drive_look_used(machine):
+    """Open files go by their names, and in a namespace of his own a user may call one /dev/sdb. As
+    long as he has it open, listings learn no label of that drive; whoever asks for the label finds
+    it all the same."""
+    machine.plug("usb", "sdb", MIB)
+    machine.probe_says("sdb", "DATA", "ext4")
+
+    def prepare():
+        kernel.mount("mine", "/dev", "tmpfs")
+        file = os.open("/dev/sdb", os.O_RDWR | os.O_CREAT)
+        return lambda: os.pread(file, 1, 0)
+
+    hears, tell = hermit(machine, "guest", prepare)
+    machine.start("--hotplug")
+    assert machine.probe_calls() == []
+    for listing in ("list", "list human", "enumerate"):
+        assert "DATA" not in machine.ask(listing)
+    assert machine.probe_calls() == []
+    assert machine.ask("umount ^DATA") == "OK its not mounted anyway\n"
+    assert len(machine.probe_calls()) == 1
+    assert "DATA" in machine.ask("list")
+    os.write(tell, b".")
+
+
 # Script directories.
 
 NAMES = ["a b", "$(touch owned)", "new\nline", "é", "%s%n", "'", "\x1b[2J", ";id"]
