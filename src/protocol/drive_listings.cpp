@@ -111,6 +111,8 @@ void list_drives(std::string &reply, int human)
     const auto append_row = human ? append_human_row : append_plain_row;
     OpenFileSnapshot open_files("/dev/");
 
+    // Thousands of rows would have it grow, and be moved, again and again.
+    reply.reserve((blockdev_list.size() + partdev_list.size()) * (human ? 128 : 96));
     reply = human ? "OK- v3 user-friendly drive list follows "
                     "(dev,type,connection,label,capacity,model,place,filesystem)\n"
                   : "OK- v3 drive list follows "
