@@ -282,7 +282,7 @@ static int tell_status(std::string path, bool follow, mode_t &mode, off_t &size)
     if (!node)
         return -1;
     static const mode_t modes[] = {S_IFREG | 0755, S_IFDIR | 0755, S_IFLNK | 0777, S_IFBLK | 0660};
-    mode = modes[node->kind];
+    mode = modes[node->kind] & ~(node->is_write_protected ? 0222U : 0U);
     size = size_of(*node);
     return 0;
 }

@@ -43,6 +43,7 @@ public:
         off_t size = 0;                        // of a device
         std::string filesystem{};              // on a device; the only one that mounts it
         int error = 0;                         // opening it fails, unless this is 0
+        bool is_write_protected = false;       // its mode allows nobody to write
     };
 
     MemoryMachine(); // the daemon's state is then as it is right after the start

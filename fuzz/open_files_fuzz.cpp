@@ -6,12 +6,41 @@
 #include "machine_in_memory.h"
 #include "mount/process_eviction.h"
 
+static bool is_writable(MemoryMachine &machine, const std::string &folder,
+                        const std::string &target)
+{
+    const MemoryMachine::Node *node =
+        machine.Find(target.starts_with('/') ? target : folder + target);
+    return node && !node->is_write_protected;
+}
+
+// The first link of a process that leads under a path, read from the machine's files as they are.
+static std::string link_by_hand(MemoryMachine &machine, int pid, const std::string &asked,
+                                bool writers_only)
+{
+    const std::string process = "/proc/" + std::to_string(pid) + "/";
+    std::vector<std::string> links;
+    if (!writers_only)
+        links = {"root", "cwd", "exe"};
+    for (const auto &[path, node] : machine.nodes) {
+        if (path.starts_with(process + "fd/"))
+            links.push_back(path.substr(process.size()));
+    }
+    for (const std::string &link : links) {
+        const MemoryMachine::Node *node = machine.Find(process + link);
+        if (!node || !node->content.substr(0, 511).starts_with(asked))
+            continue;
+        if (!writers_only || is_writable(machine, process + "fd/", node->content))
+            return link;
+    }
+    return "";
+}
+
 void examine(Input &input)
 {
     MemoryMachine machine;
     const std::string asked = "/" + input.Text();
     std::vector<std::string> files; // what processes have open
-    std::string used;               // and what else process 12 uses
     machine.Write("/proc/12/cmdline", "cat");
     while (!input.IsEmpty() && files.size() < 8) {
         const unsigned how = input.Byte();
@@ -19,9 +48,13 @@ void examine(Input &input)
         if (target.empty())
             continue;
         const std::string process = how & 1 ? "/proc/12" : "/proc/345";
+        const bool may_be_there = target.starts_with('/') && !target.starts_with("/proc");
+        if ((how & 8) && may_be_there) {
+            machine.Write(target, "");
+            machine.Find(target)->is_write_protected = how & 16;
+        }
         if (how & 2) {
-            machine.Link(process + (how & 4 ? "/cwd" : "/root"), target);
-            used = how & 1 ? target : used;
+            machine.Link(process + (how & 32 ? "/exe" : how & 4 ? "/cwd" : "/root"), target);
         } else {
             files.push_back(target);
             machine.Link(process + "/fd/" + std::to_string(files.size()), target);
@@ -44,10 +77,12 @@ void examine(Input &input)
             PROMISE(snapshot.IsInUse(file) == device_in_use(file));
     }
 
-    if (!used.empty() && machine.Find("/proc/12/cwd") && !machine.Find("/proc/12/root"))
-        PROMISE(process_uses_path(12, "", used.substr(0, 511), false));
-    const bool writes = process_uses_path(12, "", asked, true);
-    PROMISE(!writes || process_uses_path(12, "", asked, false));
-    PROMISE(!process_uses_path(999, "", asked, false));
+    for (int pid : {12, 345, 999}) {
+        for (bool writers_only : {false, true}) {
+            const std::string link = link_by_hand(machine, pid, asked, writers_only);
+            PROMISE(process_uses_path(pid, "", asked, writers_only) == !link.empty());
+            PROMISE(link_under_path(pid, asked, writers_only) == link);
+        }
+    }
     PROMISE(said().empty() && machine.deeds.empty());
 }
