@@ -20,6 +20,67 @@ static std::string joined(const std::vector<std::string> &pieces)
     return text;
 }
 
+// The fields of a line: any number of separators stands between two.
+static std::vector<std::string> fields_of(const std::string &line, char separator)
+{
+    std::vector<std::string> fields(1);
+    for (size_t i = 0; i < line.size(); i++) {
+        if (line[i] != separator)
+            fields.back() += line[i];
+        else if (i + 1 < line.size() && line[i + 1] != separator)
+            fields.emplace_back();
+    }
+    fields.resize(std::max<size_t>(fields.size(), 4));
+    return fields;
+}
+
+// Whether these are the pieces of a list.
+static bool is_cut_up(const std::string &list, const std::vector<std::string> &pieces)
+{
+    const auto commas = static_cast<size_t>(std::count(list.begin(), list.end(), ','));
+    return joined(pieces) == list && pieces.size() == (list.empty() ? 0 : commas + 1);
+}
+
+// Whether of a line that was cut there is not so much left as "rw".
+static bool is_cut_short(const std::string &line, const std::vector<std::string> &fields)
+{
+    size_t end = 0;
+    for (int i = 0; i < 3; i++)
+        end = line.find_first_not_of(' ', end + fields[static_cast<size_t>(i)].size());
+    return end == std::string::npos || line.size() - end < 2;
+}
+
+// Both readings have one entry for each line that says something, and what the line says.
+static void check_against_table(const std::string &table)
+{
+    auto entry = mount_list.begin();
+    auto second = fstab_list.begin();
+    std::vector<std::string> lines;
+    cut_at(table, '\n', lines);
+    for (std::string line : lines) {
+        const bool is_cut = line.size() > line_limit;
+        const bool is_empty = line.empty();
+        line.resize(std::min(line.size(), line_limit));
+        line.erase(0, line.find_first_not_of(' '));
+        std::vector<std::string> fields = fields_of(line, ' ');
+        if (!is_empty && !(is_cut && is_cut_short(line, fields))) {
+            PROMISE(entry != mount_list.end());
+            PROMISE(entry->device == fields[0] && entry->mountpoint == fields[1]);
+            PROMISE(entry->fstype == fields[2] && is_cut_up(fields[3], entry->options));
+            ++entry;
+        }
+        const char separator = line.find('\t') == std::string::npos ? ' ' : '\t';
+        if (line.find(separator) == std::string::npos)
+            continue;
+        fields = fields_of(line, separator);
+        PROMISE(second != fstab_list.end());
+        PROMISE(second->device == fields[0] && second->mountpoint == fields[1]);
+        PROMISE(is_cut_up(fields[2], second->fstypes) && is_cut_up(fields[3], second->options));
+        ++second;
+    }
+    PROMISE(entry == mount_list.end() && second == fstab_list.end());
+}
+
 // What was read is what its own text says once more, and no field holds what ends one.
 static void check_entries()
 {
@@ -95,6 +156,7 @@ void examine(Input &input)
     ReadFstab();
     const size_t lines = static_cast<size_t>(std::count(table.begin(), table.end(), '\n')) + 1;
     PROMISE(mount_list.size() <= lines && fstab_list.size() <= lines);
+    check_against_table(table);
     check_entries();
     check_search(directory);
     check_second_table();

@@ -1,5 +1,6 @@
 // Apple partition maps and master boot records, on a drive that holds anything.
-#include <string_view>
+#include <algorithm>
+#include <map>
 
 #include "harness.h"
 #include "inspect/partition_table.h"
@@ -7,37 +8,107 @@
 
 static const size_t most_reads = 4096 + 2; // a map is followed no further
 
-static bool is_type_text(const std::string &text)
+using Entries = std::map<int, std::string>;
+
+static unsigned byte_of(const std::string &sector, size_t place)
 {
-    const size_t blank = text.find(' ');
-    if (text == "meh")
-        return true;
-    if (text.size() < 5 || text[0] != '#' || blank != 3)
-        return false;
-    const std::string words = text.substr(4);
-    return words == "DOS/Windows" || words == "extended" || words == "Linux" || words == "RAID";
+    return static_cast<unsigned char>(sector[place]);
 }
 
-static void check_record(const PartitionTable &table, const std::string &sector)
+static uint64_t word_of(const std::string &sector, size_t place)
 {
-    PROMISE(sector.size() == 512 && static_cast<unsigned char>(sector[510]) == 0x55 &&
-            static_cast<unsigned char>(sector[511]) == 0xAA);
-    for (int i = 0; i < 4; i++) {
-        const size_t slot = 446 + 16 * static_cast<size_t>(i);
-        PROMISE((sector[slot] & 0x7F) == 0);
-        PROMISE(table.entries.contains(i + 1) == (sector[slot + 4] != 0));
-    }
-    for (const auto &[number, text] : table.entries)
-        PROMISE(number >= 1 && number <= 4 && is_type_text(text));
+    uint64_t word = 0;
+    for (size_t i = 0; i < 4; i++)
+        word = word * 256 + byte_of(sector, place + i);
+    return word;
 }
 
-static void check_map(const PartitionTable &table)
-{
-    for (const auto &[number, text] : table.entries) {
-        PROMISE(number >= 1 && number <= 4096);
-        PROMISE(text.size() <= 32 + 2 + 32 && text.find(", ") != std::string::npos);
-        PROMISE(text == in_one_column(text));
+// What a drive holds, sector by sector; one that it has not whole is shorter.
+class Sectors {
+public:
+    explicit Sectors(const MemoryMachine::Node &drive) : drive_(drive)
+    {
     }
+
+    std::string At(off_t number) const
+    {
+        std::string bytes(512, '\0');
+        for (const auto &[at, piece] : drive_.pieces) {
+            for (size_t i = 0; i < piece.size(); i++) {
+                const off_t offset = at + static_cast<off_t>(i) - number * 512;
+                if (offset >= 0 && offset < 512)
+                    bytes[static_cast<size_t>(offset)] = piece[i];
+            }
+        }
+        return bytes.substr(0, static_cast<size_t>(std::min<off_t>(
+                                   512, std::max<off_t>(0, drive_.size - number * 512))));
+    }
+
+    // Those whose first bytes are not zeros, and maybe some more.
+    std::vector<off_t> Filled() const
+    {
+        std::vector<off_t> numbers;
+        for (const auto &[at, piece] : drive_.pieces) {
+            numbers.push_back(at / 512);
+            numbers.push_back((at + static_cast<off_t>(piece.size())) / 512);
+        }
+        return numbers;
+    }
+
+private:
+    const MemoryMachine::Node &drive_;
+};
+
+static std::string type_by_hand(unsigned type)
+{
+    static const std::map<unsigned, const char *> texts = {
+        {0x01, "#01 DOS/Windows"}, {0x04, "#04 DOS/Windows"}, {0x05, "#05 extended"},
+        {0x06, "#06 DOS/Windows"}, {0x0B, "#0B DOS/Windows"}, {0x0C, "#0C DOS/Windows"},
+        {0x0E, "#0E DOS/Windows"}, {0x0F, "#0F extended"},    {0x83, "#83 Linux"},
+        {0xFD, "#FD RAID"}};
+    return texts.contains(type) ? texts.at(type) : "meh";
+}
+
+static Entries record_by_hand(const std::string &sector)
+{
+    Entries entries;
+    if (sector.size() < 512 || byte_of(sector, 510) != 0x55 || byte_of(sector, 511) != 0xAA)
+        return entries;
+    for (size_t slot : {446U, 462U, 478U, 494U}) {
+        if ((byte_of(sector, slot) & 0x7F) != 0)
+            return Entries();
+        const int number = static_cast<int>(slot - 446) / 16 + 1;
+        if (byte_of(sector, slot + 4) != 0)
+            entries[number] = type_by_hand(byte_of(sector, slot + 4));
+    }
+    return entries;
+}
+
+static std::string map_text(const std::string &sector, size_t place)
+{
+    const std::string field = sector.substr(place, 32);
+    return in_one_column(field.substr(0, field.find('\0')));
+}
+
+static bool is_map_sector(const std::string &sector)
+{
+    return sector.size() == 512 && sector.starts_with("PM");
+}
+
+// The map's first sector says how many there are, the last of which is left out, and where they
+// are.
+static Entries map_by_hand(const Sectors &sectors, const std::string &first)
+{
+    Entries entries;
+    const off_t count = static_cast<off_t>(word_of(first, 4)) - 1;
+    const off_t start = static_cast<off_t>(word_of(first, 8));
+    for (off_t number : sectors.Filled()) {
+        const std::string sector = sectors.At(number);
+        const off_t entry = number - start + 1;
+        if (is_map_sector(sector) && entry >= 1 && entry <= std::min<off_t>(count, 4096))
+            entries[static_cast<int>(entry)] = map_text(sector, 16) + ", " + map_text(sector, 48);
+    }
+    return entries;
 }
 
 void examine(Input &input)
@@ -59,27 +130,14 @@ void examine(Input &input)
     PartitionTable table("/dev/sda");
     PROMISE(table.Read() == 1);
     PROMISE(machine.reads <= most_reads);
-    const auto sector = [&](off_t number) {
-        std::string bytes(512, '\0');
-        for (const auto &[at, piece] : drive.pieces) {
-            for (size_t i = 0; i < piece.size(); i++) {
-                const off_t offset = at + static_cast<off_t>(i) - number * 512;
-                if (offset >= 0 && offset < 512)
-                    bytes[static_cast<size_t>(offset)] = piece[i];
-            }
-        }
-        return bytes.substr(0, static_cast<size_t>(std::min<off_t>(
-                                   512, std::max<off_t>(0, drive.size - number * 512))));
-    };
-    const std::string second = sector(1);
-    const bool is_map = second.size() == 512 && second.starts_with("PM") &&
-                        second.substr(4, 4) != std::string(4, '\0');
-    if (is_map)
-        check_map(table);
-    else if (!table.entries.empty())
-        check_record(table, sector(0));
+    const Sectors sectors(drive);
+    const std::string second = sectors.At(1);
+    if (is_map_sector(second) && word_of(second, 4) != 0)
+        PROMISE(table.entries == map_by_hand(sectors, second));
+    else
+        PROMISE(table.entries == record_by_hand(sectors.At(0)));
 
-    const std::map<int, std::string> first = table.entries;
+    const Entries first = table.entries;
     PROMISE(table.Read() == 1 && table.entries == first);
     PROMISE(said().empty());
 }
