@@ -10,6 +10,7 @@ import subprocess
 import pytest
 
 from machine.clients import Client, acting_as, wait_until
+from machine.drives import big_machine
 from machine.machine import USERS, sleep
 
 UNKNOWN = "ERR unknown command\n"
@@ -423,20 +424,6 @@ def test_refused_credentials_drop_the_client(machine):
 
 
 # Clients that behave badly. After each, others are served and nothing is left of it.
-
-
-def big_machine(machine, drives=3000):
-    """A machine whose listing is larger than a socket holds; every drive is in use."""
-    names = [f"dm-{number}" for number in range(drives)]
-    for name in names:
-        folder = f"/sys/block/{name}"
-        os.makedirs(f"{folder}/dm")
-        with open(f"{folder}/size", "w") as file:
-            file.write("2048\n")
-        with open(f"{folder}/dm/name", "w") as file:
-            file.write(f"volume-of-some-length-{name}".ljust(150, "x") + "\n")
-        machine.node(name, 0)
-    machine.made_up_process(1000001, fds=[f"/dev/{name}" for name in names])
 
 
 @pytest.fixture(params=["stalls", "vanishes in its reply"])

@@ -1,8 +1,11 @@
 """A crowd of clients, each of which comes again and again and behaves in one of six ways."""
 
+import array
+import fcntl
 import random
 import socket
 import struct
+import termios
 import threading
 import time
 
@@ -19,30 +22,58 @@ class Crowd:
         self.seed = seed
         self.visits = []  # (client, when it knocked, had its place in the queue, its reply; its way)
         self.others = 0  # visits that stayed for no reply
+        self.made_wait = []  # (from, to): the daemon had no room for the rest of a slow one's reply
         self.wrong = []  # replies that are none, and other surprises
+        self.at_the_door = set()  # clients that have knocked and were not answered yet
         self.end = 0.0
 
-    def run(self, seconds):
-        self.end = time.monotonic() + seconds
-        threads = [threading.Thread(target=self._one, args=(i,)) for i in range(self.size)]
-        for thread in threads:
+    def run(self, seconds, first=0, when_inside=None, when_full=None):
+        """first: so many come before the others and say nothing until all are there. when_inside is
+        called when they are connected, and when_full when everybody has knocked."""
+        begin = threading.Event()
+        threads = [
+            threading.Thread(target=self._one, args=(i, begin if i < first else None))
+            for i in range(self.size)
+        ]
+        for thread in threads[:first]:
             thread.start()
+        if when_inside:
+            when_inside()
+        self.end = time.monotonic() + seconds
+        for thread in threads[first:]:
+            thread.start()
+        try:
+            if when_full:
+                when_full()
+        finally:
+            begin.set()
+        self.end = time.monotonic() + seconds
         for thread in threads:
             thread.join(seconds + 120)
         assert not any(thread.is_alive() for thread in threads), "somebody is never answered"
 
-    def _one(self, index):
+    def _one(self, index, begin):
         chance = random.Random(self.seed * 1000 + index)
         way = WAYS[index % len(WAYS)]
         while True:
             began = time.monotonic()
+            self.at_the_door.add(index)
             try:
-                with _connected(way) as peer:
+                with _connected() as peer:
                     inside = time.monotonic()
+                    if begin:
+                        begin.wait()
+                        began = inside = time.monotonic()
+                        begin = None
                     reply = way(peer, chance)
             except OSError as problem:
                 self.wrong.append(f"{way.__name__}: {problem}")
                 return
+            self.at_the_door.discard(index)
+            if way is reads_slowly:
+                reply, waited = reply
+                if waited:
+                    self.made_wait.append(waited)
             if reply is None:
                 self.others += 1
             else:
@@ -56,6 +87,15 @@ class Crowd:
     def longest(self):
         """The longest wait of a client that kept nobody waiting itself, in seconds."""
         return max(end - began for _, began, _, end, way in self.visits if way in PATIENT)
+
+    def longest_in_queue(self):
+        """The same from the moment on when the kernel had taken it into the queue."""
+        return max(end - inside for _, _, inside, end, way in self.visits if way in PATIENT)
+
+    def served_meanwhile(self):
+        """How many replies others had while the daemon waited for one slow reader, at most."""
+        ends = [end for *_, end, way in self.visits if way in PATIENT]
+        return max((sum(a < end < b for end in ends) for a, b in self.made_wait), default=0)
 
     def most_overtaken(self):
         """How often one client came after another and had its reply before it, at most: whole visits
@@ -73,12 +113,10 @@ class Crowd:
         return most
 
 
-def _connected(way):
+def _connected():
     peer = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     # A full queue makes connect(2) wait, as long as it takes.
     peer.setsockopt(socket.SOL_SOCKET, socket.SO_RCVTIMEO, struct.pack("ll", 60, 0))
-    if way is reads_slowly:
-        peer.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1)
     peer.connect(ADDRESS)
     return peer
 
@@ -94,14 +132,21 @@ def _is_whole(reply):
 
 
 def _reply(peer, piece=1 << 16, pause=0.0):
-    reply = b""
-    while not reply.endswith(b"\n") or reply.split(b"\n")[-2].startswith(b"OK-"):
+    reply = bytearray()
+    while not reply.endswith(b"\n") or reply[reply.rfind(b"\n", 0, -1) + 1 :].startswith(b"OK-"):
         got = peer.recv(piece)
         if not got:
             break
         reply += got
         time.sleep(pause)
-    return reply
+    return bytes(reply)
+
+
+def _unread(peer):
+    """Bytes that the daemon has sent to it and nobody has read."""
+    count = array.array("i", [0])
+    fcntl.ioctl(peer, termios.FIONREAD, count)
+    return count[0]
 
 
 # The ways. Each returns the reply, or None when it does not stay for one.
@@ -128,8 +173,15 @@ def halves_a_line(peer, chance):
 
 
 def reads_slowly(peer, chance):
+    """The reply, and from when to when the daemon waited for room; None when it had enough. One
+    send(2) takes all that there is room for, so what is lacking then has none."""
     peer.sendall(b"list\n")
-    return _reply(peer, piece=512, pause=chance.uniform(0, 0.02))
+    peer.recv(1, socket.MSG_PEEK)
+    since = time.monotonic()
+    time.sleep(chance.uniform(0.1, LONGEST_HOLD))
+    sent, until = _unread(peer), time.monotonic()
+    reply = _reply(peer, piece=1 << 14, pause=chance.uniform(0, 0.02))
+    return reply, (since, until) if sent < len(reply) else None
 
 
 def vanishes(peer, chance):

@@ -207,3 +207,17 @@ class Drives:
         for minor, (name, size) in enumerate(self.sizes.items()):
             lines.append(f" {8 + minor // 256:>3} {minor % 256:>8} {size // 1024:>10} {name}\n")
         write("/proc/partitions", "".join(lines))
+
+
+def big_machine(machine, drives=3000):
+    """A machine whose listing is larger than a socket holds; every drive is in use."""
+    names = [f"dm-{number}" for number in range(drives)]
+    for name in names:
+        folder = f"/sys/block/{name}"
+        os.makedirs(f"{folder}/dm")
+        with open(f"{folder}/size", "w") as file:
+            file.write("2048\n")
+        with open(f"{folder}/dm/name", "w") as file:
+            file.write(f"volume-of-some-length-{name}".ljust(150, "x") + "\n")
+        machine.node(name, 0)
+    machine.made_up_process(1000001, fds=[f"/dev/{name}" for name in names])
