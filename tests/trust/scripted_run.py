@@ -10,6 +10,7 @@ import re
 import signal
 import time
 
+from call_sites import END, START
 from machine import kernel, stand_ins
 from machine.drives import write
 from machine.machine import Machine, REAL_PROC
@@ -53,6 +54,8 @@ STEPS = [
     "nonsense",
 ]
 
+SETTLING = "(settling)"
+A_POLL = 1.1  # seconds, in which the daemon looks at everything once
 GIVEN_UP_AFTER = 20  # seconds: no laid-down wait for one request is longer
 
 
@@ -120,6 +123,10 @@ def mounted():
     return sorted((f[0], f[1], f[3].split(",")[0]) for f in lines if f[0].startswith("/dev/sd"))
 
 
+# Of a row of a plain listing.
+FIELDS = "device type connection label capacity model place raid filesystem".split()
+
+
 def rows(listing):
     """The rows of a plain listing by the device's name."""
     found = {}
@@ -135,8 +142,8 @@ def is_listing(step):
 
 
 def lines(listing):
-    """What can be compared of a listing: not the main partition's place, which shows with the next
-    poll."""
+    """What can be compared of a listing on the way: not the main partition's place, which shows with
+    the next poll."""
     return {" ".join(re.sub(r"\bMain\b", "", line).split()) for line in listing.splitlines()}
 
 
@@ -159,28 +166,31 @@ class Life:
         self.stdout = ""
         self.trace = ""
         self.faults = []  # what must never be seen, in words
-        self.listing = ""
+        self.listing = ""  # the last one, when the fault is over
         self.devices = []  # that there are, in the end
         self.descriptors = None
         self.mounts = []  # at the end of the requests
         self.left = []  # after the end
-        self.slowest = 0.0
+        self.took = {}  # seconds, by the step
+        self.said = []  # (step, what was written to standard error in it)
 
 
-def live(injection=None, more=()):
+def live(injection=None, more=(), wanted=None):
     """Runs one life in this sandbox. injection: arguments for strace; None for no strace at all.
-    more: another program, with its arguments, that runs the daemon."""
+    more: another program, with its arguments, that runs the daemon. wanted: the listing that an
+    undisturbed life ends with."""
     machine = Machine()
     life = Life()
     furnish(machine)
     daemon = start(machine, injection, more)
     try:
-        _requests(machine, daemon, life)
+        _requests(machine, daemon, life, wanted)
         _end(daemon, life)
     finally:
         machine.kill_everything()
     for client in machine.clients:
         client.close()
+    _note_words(daemon, life, END)
     life.stderr, life.stdout = daemon.stderr(), daemon.stdout()
     if injection is not None:
         with open("/run/trace", errors="surrogateescape") as file:
@@ -193,9 +203,18 @@ def live(injection=None, more=()):
     return life
 
 
-def _requests(machine, daemon, life):
+def _note_words(daemon, life, step):
+    """Keeps what was said since the last time."""
+    said = daemon.stderr()
+    life.said.append((step, said[sum(len(text) for _, text in life.said) :]))
+
+
+def _requests(machine, daemon, life, wanted):
+    began = time.monotonic()
     if not _comes_up(daemon):
         return
+    life.took[START] = time.monotonic() - began
+    _note_words(daemon, life, START)
     for step in STEPS:
         if step.startswith("("):
             happens(machine, step)
@@ -208,14 +227,17 @@ def _requests(machine, daemon, life):
             if daemon.is_running():
                 life.faults.append(f"no reply to {step!r}: {problem}")
             return
-        life.slowest = max(life.slowest, time.monotonic() - began)
+        life.took[f"{len(life.replies) + 1} {step}"] = time.monotonic() - began
         life.replies.append((step, reply))
+        _note_words(daemon, life, step)
     # The fault is over, or a poll that goes on meets it still: what does the registry hold?
-    for _ in range(3):
+    for wait in (0, 0, A_POLL):
+        time.sleep(wait)
         ask(machine, "refresh")
         life.listing = ask(machine, "list")
-        if set(rows(life.listing)) == set(machine.sizes):
+        if wanted is None or life.listing == wanted:
             break
+    _note_words(daemon, life, SETTLING)
     life.devices = sorted(machine.sizes)
     deadline = time.monotonic() + 2
     while time.monotonic() < deadline:
@@ -242,6 +264,7 @@ def _comes_up(daemon, timeout=4):
 
 def _end(daemon, life):
     daemon.given_up = True
+    began = time.monotonic()
     if daemon.is_running():
         daemon.send_signal(signal.SIGTERM)
     try:
@@ -250,3 +273,4 @@ def _end(daemon, life):
         life.faults.append("it did not end")
         daemon.process.kill()
         daemon.process.wait()
+    life.took[END] = time.monotonic() - began

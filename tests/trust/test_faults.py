@@ -5,6 +5,7 @@ over the registry agrees with the machine.
 The short form takes a sample that is the same each time, the long one every site with every error.
 fault_table.py sums up what was met."""
 
+import copy
 import hashlib
 import re
 from collections import Counter
@@ -21,18 +22,25 @@ SAMPLE, SAMPLE_SHARES = 60, 4
 SHARES = 40
 
 
-def life(*injection):
+def life(*injection, wanted=None):
     """A life with some arguments for strace."""
-    outcome, value = namespaces.run(lambda: scripted_run.live(list(injection)), 120)
+    outcome, value = namespaces.run(
+        lambda: scripted_run.live(list(injection), wanted=wanted), 120
+    )
     assert outcome == "returned", value or outcome
     return value
+
+
+@pytest.fixture(scope="module")
+def base_life():
+    return life()
 
 
 def plan(base):
     """(call, error) for each site and each of its errors, by the names of the sites: every share
     has a base of its own, and they must agree about what is whose."""
     sites = sorted(faults.sites_to_try(base.trace), key=lambda call: str(call.site))
-    return [(call, error) for call in sites for error in faults.ERRORS[call.site.call]]
+    return [(call, error) for call in sites for error in faults.errors_of(call.site)]
 
 
 def lot(item):
@@ -57,7 +65,12 @@ def try_all(items, base, name):
     """Lives one life for each; fails with all that went wrong."""
     wrong, verdicts = [], []
     for call, error in items:
-        injected = life("-e", f"inject={call.site.call}:error={error}:when={call.number}")
+        how = f"retval={error}" if error.isdigit() else f"error={error}"
+        injected = life(
+            "-e",
+            f"inject={call.site.call}:{how}:when={call.number}",
+            wanted=base.listing,
+        )
         verdict = faults.judge(injected, base, error)
         verdicts.append(verdict)
         if verdict.problems:
@@ -121,6 +134,66 @@ def test_every_call_of_the_run_has_its_errors():
         "ERR mount failed\n",
         "ERR unknown command\n",
     ]
+
+
+def without_main(life):
+    life.listing = life.listing.replace("\tMain\t", "\t\t")
+
+
+def without_a_label(life):
+    life.listing = life.listing.replace("\tDISC\t", "\t\t")
+
+
+def with_a_reply(life):
+    life.replies[3] = (life.replies[3][0], "OK already mounted read/write\n")
+
+
+def with_a_line(life):
+    life.stderr += "Cannot open /proc/partitions\n"
+
+
+def with_a_line_less(life):
+    life.stderr = life.stderr.replace("setting up swap\n", "", 1)
+
+
+def with_a_mount(life):
+    life.left = [("/dev/sdb1", "/mnt/sdb1", "rw")]
+
+
+def with_a_wait(life):
+    life.took["17 notify remove /block/sde/sde1"] += 4
+
+
+def with_a_sanitizers_word(life):
+    life.faults = ["runtime error: "]
+
+
+def with_a_descriptor(life):
+    life.descriptors = [*life.descriptors, "pipe:"]
+
+
+@pytest.mark.parametrize(
+    "change",
+    [
+        without_main,
+        without_a_label,
+        with_a_reply,
+        with_a_line,
+        with_a_line_less,
+        with_a_mount,
+        with_a_wait,
+        with_a_sanitizers_word,
+        with_a_descriptor,
+    ],
+)
+def test_a_life_that_met_no_fault_is_judged_all_the_same(change, base_life):
+    """And the judge notices each single thing that is not as it was."""
+    assert faults.judge(base_life, base_life, "EIO").problems == []
+    changed = copy.deepcopy(base_life)
+    change(changed)
+    verdict = faults.judge(changed, base_life, "EIO")
+    assert verdict.outcome == "not met"
+    assert len(verdict.problems) == 1, verdict.problems
 
 
 @pytest.mark.seconds(60)
