@@ -1,7 +1,9 @@
 """A crowd of clients, each of which comes again and again and behaves in one of six ways."""
 
 import array
+import bisect
 import fcntl
+import math
 import random
 import socket
 import struct
@@ -20,7 +22,7 @@ class Crowd:
     def __init__(self, size, seed):
         self.size = size
         self.seed = seed
-        self.visits = []  # (client, when it knocked, had its place in the queue, its reply; its way)
+        self.visits = []  # (client, when it knocked, was in the queue, had its reply; its way)
         self.others = 0  # visits that stayed for no reply
         self.made_wait = []  # (from, to): the daemon had no room for the rest of a slow one's reply
         self.wrong = []  # replies that are none, and other surprises
@@ -94,20 +96,24 @@ class Crowd:
 
     def served_meanwhile(self):
         """How many replies others had while the daemon waited for one slow reader, at most."""
-        ends = [end for *_, end, way in self.visits if way in PATIENT]
-        return max((sum(a < end < b for end in ends) for a, b in self.made_wait), default=0)
+        ends = sorted(end for *_, end, way in self.visits if way in PATIENT)
+        served = (bisect.bisect(ends, b) - bisect.bisect(ends, a) for a, b in self.made_wait)
+        return max(served, default=0)
 
     def most_overtaken(self):
-        """How often one client came after another and had its reply before it, at most: whole visits
-        of the one within the stay of the other. In front of a full queue it is the kernel that
+        """How often one client came after another and had its reply before it, at most: whole
+        visits of the one within the stay of the other. In front of a full queue the kernel
         chooses, and somebody who comes just then may be luckier; that is not counted."""
         most = 0
+        by_arrival = sorted((came, answered, other) for other, _, came, answered, _ in self.visits)
         for index, _, began, end, way in self.visits:
             if way not in PATIENT:
                 continue
             within = {}
-            for other, _, came, answered, _ in self.visits:
-                if other != index and began < came and answered < end:
+            first = bisect.bisect_right(by_arrival, (began, math.inf))
+            last = bisect.bisect_left(by_arrival, (end,))
+            for _, answered, other in by_arrival[first:last]:
+                if other != index and answered < end:
                     within[other] = within.get(other, 0) + 1
             most = max([most, *within.values()])
         return most

@@ -142,8 +142,8 @@ def is_listing(step):
 
 
 def lines(listing):
-    """What can be compared of a listing on the way: not the main partition's place, which shows with
-    the next poll."""
+    """What can be compared of a listing on the way: not the main partition's place, which shows
+    with the next poll."""
     return {" ".join(re.sub(r"\bMain\b", "", line).split()) for line in listing.splitlines()}
 
 

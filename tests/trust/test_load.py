@@ -83,8 +83,9 @@ def loaded(machine, seconds):
     after = memory(daemon)
     print(
         f"a list of {size} bytes in {alone * 1000:.1f} ms; {took:.1f} s, "
-        f"{len(crowd.visits)} replies, {crowd.others} other visits, longest wait {crowd.longest():.1f} s, in the queue "
-        f"{crowd.longest_in_queue():.1f} s, overtaken {crowd.most_overtaken()} times at most; "
+        f"{len(crowd.visits)} replies, {crowd.others} other visits, "
+        f"longest wait {crowd.longest():.1f} s, in the queue {crowd.longest_in_queue():.1f} s, "
+        f"overtaken {crowd.most_overtaken()} times at most; "
         f"{len(crowd.made_wait)} made the daemon wait, {crowd.served_meanwhile()} served "
         f"meanwhile; "
         f"(pages, heap) {taken} -> {after}"
