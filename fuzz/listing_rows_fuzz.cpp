@@ -1,7 +1,7 @@
 // The rows of all listings, of drives and partitions whose names, labels, models and sizes are
 // anything: each comes apart again into the fields that went into it. The texts come the ways that
-// they have in life, for it is there that they are made fit for a row: models through sysfs, labels
-// and filesystems through the label probe's output. A kernel's name has no control characters.
+// they have in life, for it is there that they are made fit for a row: models through sysfs or a
+// partition map, labels and filesystems through the label probe's output.
 #include <algorithm>
 
 #include "base/words.h"
@@ -12,6 +12,7 @@
 #include "machine_in_memory.h"
 #include "protocol/drive_listings.h"
 #include "registry/block_device.h"
+#include "registry/device_list.h"
 #include "registry/sysfs_probe.h"
 #include "volsniffer/output.h"
 
@@ -56,14 +57,39 @@ static const struct {
 } kinds[] = {{"sd", "/device/model"}, {"nvme0n", "/device/serial"}, {"mmcblk", "/device/name"},
              {"dm-", "/dm/name"},     {"sr", "/device/model"},      {"", "/device/model"}};
 
+static const int map_size = 4;
+
+// The sector of an entry of a drive's partition map: the first entry is in the second sector.
+static std::string &map_entry(MemoryMachine &machine, const std::string &drive, int number)
+{
+    return machine.Find("/dev/" + drive)->pieces[512 * number];
+}
+
+static void begin_map(MemoryMachine &machine, const std::string &drive)
+{
+    machine.Device("/dev/" + drive, 512 * (map_size + 1));
+    map_entry(machine, drive, 1) = std::string("PM\0\0\0\0\0\4\0\0\0\1", 12);
+}
+
+static void put_into_map(MemoryMachine &machine, const std::string &drive, int number,
+                         std::string text)
+{
+    std::string &entry = map_entry(machine, drive, number);
+    text.resize(64);
+    entry.resize(16, '\0');
+    entry.replace(0, 2, "PM");
+    entry += text;
+}
+
 static BlockDevice *add_drive(MemoryMachine &machine, Input &input)
 {
     const auto &kind = kinds[input.Byte() % std::size(kinds)];
-    std::string name = in_one_column(kind.prefix + input.Text());
+    std::string name = kind.prefix + input.Text();
     std::replace(name.begin(), name.end(), '/', '!');
     if (name.empty() || find_drive(name))
         return nullptr;
     machine.Write("/sys/block/" + name + kind.model, input.Text());
+    begin_map(machine, name);
     BlockDevice *drive = new BlockDevice(name);
     blockdev_list[name] = drive;
     probe_drive(*drive);
@@ -75,16 +101,20 @@ static BlockDevice *add_drive(MemoryMachine &machine, Input &input)
     return drive;
 }
 
-static void add_partition(BlockDevice &drive, Input &input)
+// The partition with this number in its drive's map.
+static void add_partition(MemoryMachine &machine, BlockDevice &drive, int number, Input &input)
 {
-    const std::string name = drive.device + in_one_column(input.Text());
+    std::string name = drive.device + input.Text() + std::to_string(number);
+    std::replace(name.begin(), name.end(), '/', '!');
+    put_into_map(machine, drive.device, number, input.Text());
     if (find_partition(name))
         return;
     PartitionDevice *partition = new PartitionDevice(name);
     partdev_list[name] = partition;
-    fill(*partition, input);
-    partition->model = in_one_column(input.Text()); // as from a partition map
     partition->set_parent(&drive);
+    read_partition_table(drive);
+    probe_partition(*partition);
+    fill(*partition, input);
     partition->partition_size = static_cast<long long>(input.Number(8));
 }
 
@@ -128,7 +158,7 @@ static void check_row(const std::string &row, const std::string &prefix, const F
     cut_at(row.substr(prefix.size()), '\t', found);
     PROMISE(found.size() == fields.size());
     for (size_t i = 0; i < fields.size(); i++)
-        PROMISE(found[i] == fields[i]);
+        PROMISE(found[i] == in_one_column(fields[i]));
 }
 
 static void check_list()
@@ -163,7 +193,8 @@ static void check_human_list()
         PROMISE(rows[i].size() == 4 + 10 + 18 + 11 + 20 + 11 + 20 + 10 + 10 + 7);
         PROMISE(rows[i] == in_one_column(rows[i]));
         size_t place = 4;
-        const auto column = [&](std::string text, size_t width) {
+        const auto column = [&](const std::string &field, size_t width) {
+            std::string text = in_one_column(field);
             text.resize(width, ' ');
             PROMISE(rows[i].substr(place, width) == text);
             place += width + 1;
@@ -222,8 +253,9 @@ void examine(Input &input)
     machine.Link("/proc/77/fd/3", "/dev/" + input.Text());
     while (!input.IsEmpty() && blockdev_list.size() < 3) {
         BlockDevice *drive = add_drive(machine, input);
-        for (unsigned count = input.Byte() % 4; drive && count > 0; count--)
-            add_partition(*drive, input);
+        const int partitions = static_cast<int>(input.Byte() % map_size);
+        for (int number = 1; drive && number <= partitions; number++)
+            add_partition(machine, *drive, number, input);
         if (drive && drive->type == "CD-ROM")
             machine.Device("/dev/" + drive->device, 2048);
     }

@@ -569,3 +569,21 @@ TEST_F(DriveListings, LabelIsPrintedAsItIs)
     AddDrive("sdb", usb).label = "a\tb";
     EXPECT_NE(List().find("\ta\tb\t"), std::string::npos);
 }
+
+// What a notice calls a device may hold anything but a slash: no name ends a column or a row.
+TEST_F(DriveListings, NameCannotForgeARow)
+{
+    BlockDevice &drive = AddDrive("sd\tb\nOK- \tsdx", usb);
+    AddPartition(drive, "sd\tb\nOK- \tsdx1");
+    EXPECT_EQ(List(), head +
+                          "OK- \tsd_b_OK- _sdx\tHard Drive\tUSB\t\t-1\t\t\t\tknown\n"
+                          "OK- \t\tsd_b_OK- _sdx1\tPartition\tUSB\t\t-1\t\t\t\tknown\n" +
+                          end);
+    EXPECT_EQ(List(1).find("sd\tb"), std::string::npos);
+    EXPECT_NE(Enumerate().find("\n"
+                               "OK-\t\t/dev/sd_b_OK- _sdx\t/sys/block/sd_b_OK- _sdx\t\tHard Drive"
+                               "\t\tUSB\t\n"
+                               "OK-\t\t\t/dev/sd_b_OK- _sdx1\t"
+                               "/sys/block/sd_b_OK- _sdx/sd_b_OK- _sdx1\t\tHard Drive\t\tUSB\t\n"),
+              std::string::npos);
+}
