@@ -57,28 +57,16 @@ static const struct {
 } kinds[] = {{"sd", "/device/model"}, {"nvme0n", "/device/serial"}, {"mmcblk", "/device/name"},
              {"dm-", "/dm/name"},     {"sr", "/device/model"},      {"", "/device/model"}};
 
-static const int map_size = 4;
+static const int map_size = 3;
 
-// The sector of an entry of a drive's partition map: the first entry is in the second sector.
-static std::string &map_entry(MemoryMachine &machine, const std::string &drive, int number)
+// A partition map with any texts: what its first entry counts is one more than what is read of it.
+static void write_map(MemoryMachine::Node &drive, Input &input)
 {
-    return machine.Find("/dev/" + drive)->pieces[512 * number];
-}
-
-static void begin_map(MemoryMachine &machine, const std::string &drive)
-{
-    machine.Device("/dev/" + drive, 512 * (map_size + 1));
-    map_entry(machine, drive, 1) = std::string("PM\0\0\0\0\0\4\0\0\0\1", 12);
-}
-
-static void put_into_map(MemoryMachine &machine, const std::string &drive, int number,
-                         std::string text)
-{
-    std::string &entry = map_entry(machine, drive, number);
-    text.resize(64);
-    entry.resize(16, '\0');
-    entry.replace(0, 2, "PM");
-    entry += text;
+    for (int number = 1; number <= map_size; number++) {
+        std::string text = input.Text();
+        text.resize(64);
+        drive.pieces[512 * number] = std::string("PM\0\0\0\0\0\4\0\0\0\1\0\0\0\0", 16) + text;
+    }
 }
 
 static BlockDevice *add_drive(MemoryMachine &machine, Input &input)
@@ -89,10 +77,11 @@ static BlockDevice *add_drive(MemoryMachine &machine, Input &input)
     if (name.empty() || find_drive(name))
         return nullptr;
     machine.Write("/sys/block/" + name + kind.model, input.Text());
-    begin_map(machine, name);
+    write_map(machine.Device("/dev/" + name, 512 * (map_size + 1)), input);
     BlockDevice *drive = new BlockDevice(name);
     blockdev_list[name] = drive;
     probe_drive(*drive);
+    read_partition_table(*drive);
     fill(*drive, input);
     drive->type = drive_types[input.Byte() % 5];
     drive->capacity = input.Number(8);
@@ -102,17 +91,15 @@ static BlockDevice *add_drive(MemoryMachine &machine, Input &input)
 }
 
 // The partition with this number in its drive's map.
-static void add_partition(MemoryMachine &machine, BlockDevice &drive, int number, Input &input)
+static void add_partition(BlockDevice &drive, int number, Input &input)
 {
     std::string name = drive.device + input.Text() + std::to_string(number);
     std::replace(name.begin(), name.end(), '/', '!');
-    put_into_map(machine, drive.device, number, input.Text());
     if (find_partition(name))
         return;
     PartitionDevice *partition = new PartitionDevice(name);
     partdev_list[name] = partition;
     partition->set_parent(&drive);
-    read_partition_table(drive);
     probe_partition(*partition);
     fill(*partition, input);
     partition->partition_size = static_cast<long long>(input.Number(8));
@@ -253,9 +240,9 @@ void examine(Input &input)
     machine.Link("/proc/77/fd/3", "/dev/" + input.Text());
     while (!input.IsEmpty() && blockdev_list.size() < 3) {
         BlockDevice *drive = add_drive(machine, input);
-        const int partitions = static_cast<int>(input.Byte() % map_size);
+        const int partitions = static_cast<int>(input.Byte() % (map_size + 1));
         for (int number = 1; drive && number <= partitions; number++)
-            add_partition(machine, *drive, number, input);
+            add_partition(*drive, number, input);
         if (drive && drive->type == "CD-ROM")
             machine.Device("/dev/" + drive->device, 2048);
     }
