@@ -23,14 +23,13 @@ static std::string joined(const std::vector<std::string> &pieces)
 // The fields of a line: any number of separators stands between two.
 static std::vector<std::string> fields_of(const std::string &line, char separator)
 {
-    std::vector<std::string> fields(1);
-    for (size_t i = 0; i < line.size(); i++) {
-        if (line[i] != separator)
-            fields.back() += line[i];
-        else if (i + 1 < line.size() && line[i + 1] != separator)
-            fields.emplace_back();
+    std::vector<std::string> fields(4);
+    size_t start = 0;
+    for (std::string &field : fields) {
+        const size_t end = std::min(line.find(separator, start), line.size());
+        field = line.substr(start, end - start);
+        start = std::min(line.find_first_not_of(separator, end), line.size());
     }
-    fields.resize(std::max<size_t>(fields.size(), 4));
     return fields;
 }
 

@@ -19,19 +19,22 @@ static std::string link_by_hand(MemoryMachine &machine, int pid, const std::stri
                                 bool writers_only)
 {
     const std::string process = "/proc/" + std::to_string(pid) + "/";
-    std::vector<std::string> links;
-    if (!writers_only)
-        links = {"root", "cwd", "exe"};
-    for (const auto &[path, node] : machine.nodes) {
-        if (path.starts_with(process + "fd/"))
-            links.push_back(path.substr(process.size()));
+    const auto leads_there = [&](const MemoryMachine::Node &node) {
+        return std::string_view(node.content).substr(0, 511).starts_with(asked);
+    };
+    if (!writers_only) {
+        for (const char *link : {"root", "cwd", "exe"}) {
+            const MemoryMachine::Node *node = machine.Find(process + link);
+            if (node && leads_there(*node))
+                return link;
+        }
     }
-    for (const std::string &link : links) {
-        const MemoryMachine::Node *node = machine.Find(process + link);
-        if (!node || !node->content.substr(0, 511).starts_with(asked))
-            continue;
-        if (!writers_only || is_writable(machine, process + "fd/", node->content))
-            return link;
+    const std::string files = process + "fd/";
+    for (auto file = machine.nodes.lower_bound(files);
+         file != machine.nodes.end() && file->first.starts_with(files); ++file) {
+        const auto &[path, node] = *file;
+        if (leads_there(node) && (!writers_only || is_writable(machine, files, node.content)))
+            return path.substr(process.size());
     }
     return "";
 }

@@ -34,11 +34,12 @@ public:
     {
         std::string bytes(512, '\0');
         for (const auto &[at, piece] : drive_.pieces) {
-            for (size_t i = 0; i < piece.size(); i++) {
-                const off_t offset = at + static_cast<off_t>(i) - number * 512;
-                if (offset >= 0 && offset < 512)
-                    bytes[static_cast<size_t>(offset)] = piece[i];
-            }
+            const off_t first = std::max(at, number * 512);
+            const off_t last = std::min(at + static_cast<off_t>(piece.size()), number * 512 + 512);
+            if (first < last)
+                bytes.replace(static_cast<size_t>(first - number * 512),
+                              static_cast<size_t>(last - first), piece,
+                              static_cast<size_t>(first - at), static_cast<size_t>(last - first));
         }
         return bytes.substr(0, static_cast<size_t>(std::min<off_t>(
                                    512, std::max<off_t>(0, drive_.size - number * 512))));
@@ -103,9 +104,11 @@ static Entries map_by_hand(const Sectors &sectors, const std::string &first)
     const off_t count = static_cast<off_t>(word_of(first, 4)) - 1;
     const off_t start = static_cast<off_t>(word_of(first, 8));
     for (off_t number : sectors.Filled()) {
-        const std::string sector = sectors.At(number);
         const off_t entry = number - start + 1;
-        if (is_map_sector(sector) && entry >= 1 && entry <= std::min<off_t>(count, 4096))
+        if (entry < 1 || entry > std::min<off_t>(count, 4096))
+            continue;
+        const std::string sector = sectors.At(number);
+        if (is_map_sector(sector))
             entries[static_cast<int>(entry)] = map_text(sector, 16) + ", " + map_text(sector, 48);
     }
     return entries;
