@@ -11,6 +11,7 @@
 #include "mount/mount_tables.h"
 #include "protocol/control_socket.h"
 #include "protocol/socket_connection.h"
+#include "record_promises.h"
 #include "registry/block_device.h"
 
 static const uid_t schedule = 77;
@@ -81,8 +82,10 @@ static void check_reply(const Talk &talk, const std::string &reply)
     } else {
         PROMISE(talk.client.uid != schedule || reply.starts_with("ERR "));
         const std::string device = strip_dev(argument(word == "mount" ? 2 : 1));
-        if (device == boot_drive || device == boot_partition)
-            PROMISE(is_root || reply.starts_with("ERR "));
+        const bool is_roots = device == boot_drive || device == boot_partition ||
+                              ((word == "mount" || word == "umount") &&
+                               (device == main_drive || device == main_partition));
+        PROMISE(is_root || !is_roots || reply.starts_with("ERR "));
     }
 }
 
@@ -132,6 +135,9 @@ static MemoryMachine::Nodes make_files()
     machine.Write("/proc/filesystems", "nodev\tproc\n\text4\n\tvfat\n\tiso9660\n");
     machine.Write("/proc/swaps", "Filename Type Size Used Priority\n");
     machine.Write("/proc/partitions", "major minor  #blocks  name\n\n   8 0 204800 sda\n");
+    machine.Write("/files/data", "");
+    machine.Write("/files/film", "");
+    machine.Find("/files/film")->is_write_protected = true;
     machine.Write("/mnt/.", "");
     machine.Remove("/mnt/.");
     return machine.nodes;
@@ -152,11 +158,32 @@ static void add_partition(BlockDevice *drive, const std::string &name)
     partition->set_parent(drive);
 }
 
+// Some use the stick, one way or another; the last does not.
+static void add_processes(MemoryMachine &machine)
+{
+    machine.Process(21, "cwd", "/mnt/sdb1", false);
+    machine.Process(22, "fd/3", "/mnt/sdb1/film", true);
+    machine.Find("/proc/22/fd/3")->opened = "/files/film";
+    machine.Process(23, "fd/4", "/mnt/sdb1/data", true);
+    machine.Find("/proc/23/fd/4")->opened = "/files/data";
+    machine.Process(24, "root", "/mnt/sdb2", false);
+    machine.Process(25, "cwd", "/home/sdb1", false);
+    machine.Find("/proc/25/cwd")->opened = "/files/data";
+}
+
 class Room {
 public:
-    explicit Room(const MemoryMachine::Nodes &files)
+    Room(const MemoryMachine::Nodes &files, unsigned mounts)
     {
         machine.nodes = files;
+        add_processes(machine);
+        if (mounts & 1) {
+            machine.Write("/mnt/sdb1/.", "");
+            machine.Remove("/mnt/sdb1/.");
+            machine.Mounted("/dev/sdb1", "/mnt/sdb1", "vfat", "rw,nosuid,nodev,noexec");
+        }
+        if (mounts & 2)
+            machine.Mounted("/dev/sdb2", "/media/my stick", "ext4", "ro,nosuid,nodev");
         machine.Mounted("/dev/sda1", "/", "ext4", "rw");
         boot_drive = "sda";
         boot_partition = "sda1";
@@ -184,6 +211,7 @@ public:
 
     MemoryMachine machine;
     std::vector<std::unique_ptr<Talk>> talks;
+    bool may_evict = false; // somebody has asked for it, or may have
 };
 
 // One of the things that can go wrong on a connection.
@@ -213,12 +241,26 @@ static void change_machine(MemoryMachine &machine, unsigned how, Input &input)
     }
 }
 
+// What holds between any two passes.
+static void check_machine(Room &room)
+{
+    for (const auto &one : room.talks) {
+        read_along(*one);
+        const auto how = one->words.find(1);
+        room.may_evict = room.may_evict || one->is_deaf ||
+                         (how != one->words.end() && how->second.starts_with("rude"));
+    }
+    PROMISE(room.machine.AreMountsProtected());
+    PROMISE(room.machine.evictions == 0 || room.may_evict);
+}
+
 // Until there is nothing to do: one pass may find none because it passes a client over.
 static void serve_until_idle(Room &room)
 {
     for (int idle = 0, passes = 0; idle < 3; passes++) {
         PROMISE(passes < 20000);
         idle = serve_control_socket() || !room.machine.waiting_clients.empty() ? 0 : idle + 1;
+        check_machine(room);
     }
 }
 
@@ -226,13 +268,18 @@ void examine(Input &input)
 {
     static const uid_t uids[] = {0, somebody, schedule, 0};
     static const MemoryMachine::Nodes files = make_files();
-    Room room(files);
     const unsigned how = input.Byte();
+    Room room(files, how >> 5);
     hotplug_mode = how & 4 ? 1 : 0;
     if (how & 8)
         main_partition = "sdb2";
     if (how & 16)
         settings.swap_name = "swap.img";
+    if (how & 128) {
+        find_partition("sda1")->label = "SYSTEM";
+        find_partition("sdb2")->label = "DATA";
+        find_partition("sda1")->filesystem = find_partition("sdb2")->filesystem = "ext4";
+    }
     room.machine.probe_answer = "STICK\n  filesystem: vfat\n";
     Talk *talk = &room.Connect(uids[how & 3]);
     while (!input.IsEmpty()) {
@@ -267,8 +314,7 @@ void examine(Input &input)
         }
         }
         serve_control_socket();
-        for (const auto &one : room.talks)
-            read_along(*one);
+        check_machine(room);
     }
 
     // Those who stay get what they asked for; those who have left are forgotten.
@@ -286,4 +332,5 @@ void examine(Input &input)
         PROMISE(one->client.unread.empty());
         close_reply(*one, one->client.heard.size());
     }
+    check_records();
 }

@@ -26,6 +26,10 @@
 #include "protocol/control_socket.h"
 #include "registry/device_list.h"
 
+// evict_mount_users(), as the linker knows it.
+#define EVICT(prefix)                                                                              \
+    prefix##_Z17evict_mount_usersRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES6_b
+
 // The fuzzer has a thread of its own, which must not get in here.
 static thread_local MemoryMachine *machine;
 
@@ -130,20 +134,80 @@ MemoryMachine::Node *MemoryMachine::Find(std::string_view path)
     return found == nodes.end() ? nullptr : &found->second;
 }
 
+// The flags of a mount that protect the machine from what it holds, as mount(2) and the table have
+// them.
+static const struct {
+    unsigned long flag;
+    const char *option;
+} protections[] = {{MS_NOSUID, "nosuid"}, {MS_NODEV, "nodev"}, {MS_NOEXEC, "noexec"}};
+
+static unsigned long protection_in(unsigned long flags)
+{
+    return flags & (MS_NOSUID | MS_NODEV | MS_NOEXEC);
+}
+
+static std::string options_text(const MemoryMachine::Mount &mount)
+{
+    std::string text = mount.flags & MS_RDONLY ? "ro" : "rw";
+    for (const auto &[flag, option] : protections) {
+        if (mount.flags & flag)
+            text += std::string(",") + option;
+    }
+    return text;
+}
+
 void MemoryMachine::WriteMounts()
 {
     std::string table;
     for (const Mount &mount : mounts)
         table += as_in_kernel_table(mount.device) + " " + as_in_kernel_table(mount.mountpoint) +
-                 " " + mount.type + (mount.is_read_only ? " ro" : " rw") + ",nosuid,nodev 0 0\n";
+                 " " + mount.type + " " + options_text(mount) + " 0 0\n";
     Write("/proc/mounts", table);
 }
 
 void MemoryMachine::Mounted(const std::string &device, const std::string &mountpoint,
                             const std::string &type, const std::string &options)
 {
-    mounts.push_back({device, mountpoint, type, options == "ro"});
+    unsigned long flags = options.starts_with("ro") ? MS_RDONLY : 0;
+    for (const auto &[flag, option] : protections)
+        flags |= options.find(option) == std::string::npos ? 0 : flag;
+    mounts.push_back({device, mountpoint, type, flags, protection_in(flags)});
+    first_mountpoints.insert(mountpoint);
     WriteMounts();
+}
+
+bool MemoryMachine::AreMountsProtected() const
+{
+    return std::all_of(mounts.begin(), mounts.end(), [](const Mount &mount) {
+        return (mount.flags & mount.protection) == mount.protection;
+    });
+}
+
+void MemoryMachine::Process(pid_t pid, const std::string &link, const std::string &target,
+                            bool is_stubborn)
+{
+    Link("/proc/" + std::to_string(pid) + "/" + link, target);
+    processes[pid] = is_stubborn ? STUBBORN : OBEDIENT;
+}
+
+void MemoryMachine::End(pid_t pid)
+{
+    Remove("/proc/" + std::to_string(pid));
+    processes[pid] = ENDED;
+}
+
+// Paths are compared as texts, as the daemon does it; a program only reads.
+bool MemoryMachine::Uses(pid_t pid) const
+{
+    const std::string folder = "/proc/" + std::to_string(pid) + "/";
+    return std::any_of(nodes.lower_bound(folder), nodes.end(), [&](const auto &entry) {
+        const auto &[path, link] = entry;
+        if (!path.starts_with(folder) || !link.content.starts_with(evicted))
+            return false;
+        const auto file = nodes.find(link.opened);
+        return !evicts_writers_only || (path.starts_with(folder + "fd/") && file != nodes.end() &&
+                                        !file->second.is_write_protected);
+    });
 }
 
 int MemoryMachine::OpenAs(const OpenFile &file, bool close_on_exec)
@@ -185,8 +249,8 @@ static MemoryMachine::Node *find_node(std::string &path, bool follow)
 {
     MemoryMachine::Node *node = machine->Find(path);
     if (node && node->kind == MemoryMachine::LINK_NODE && follow) {
-        path = node->content[0] == '/' ? node->content
-                                       : path.substr(0, path.rfind('/') + 1) + node->content;
+        const std::string &target = node->opened.empty() ? node->content : node->opened;
+        path = target[0] == '/' ? target : path.substr(0, path.rfind('/') + 1) + target;
         node = machine->Find(path);
     }
     if (!node)
@@ -309,6 +373,39 @@ static MemoryMachine::Mount *mount_at(const std::string &directory)
     return nullptr;
 }
 
+// Whether a path is an entry of /mnt.
+static bool is_in_mnt(std::string_view path)
+{
+    return path.starts_with("/mnt/") && path.size() > 5 && path.rfind('/') == 4 &&
+           path != "/mnt/." && path != "/mnt/..";
+}
+
+static bool may_be_mountpoint(const std::string &path)
+{
+    return is_in_mnt(path) || machine->first_mountpoints.contains(path);
+}
+
+// Whether a device may be moved for the client that is being served. Without one, nobody asked.
+static bool may_move(const std::string &device)
+{
+    if (!machine->served || machine->served->uid == 0)
+        return true;
+    const std::string name = strip_dev(device);
+    return machine->served->uid != static_cast<uid_t>(schedule_uid) && name != boot_drive &&
+           name != boot_partition && name != main_drive && name != main_partition;
+}
+
+static bool may_move_mount(const std::string &mountpoint)
+{
+    const MemoryMachine::Mount *mounted = mount_at(mountpoint);
+    return !mounted || may_move(mounted->device);
+}
+
+static std::string swap_file()
+{
+    return "/mnt/" + main_partition + "/" + settings.swap_name;
+}
+
 // For what only a child does, or a part of the daemon that no target runs.
 #define NEVER(what) break_promise("never: " what, __FILE__, __LINE__)
 
@@ -345,6 +442,11 @@ time_t __real_time(time_t *result);
 int __real_dup2(int from, int to);
 ssize_t __real_write(int fd, const void *bytes, size_t size);
 [[noreturn]] void __real__exit(int status);
+pid_t __real_getppid();
+int __real_prctl(int option, ...);
+int __real_chdir(const char *path);
+int __real_poll(pollfd *files, nfds_t count, int timeout);
+void EVICT(__real_)(const std::string &device, const std::string &mountpoint, bool writers_only);
 
 int __wrap_open(const char *path, int flags, ...)
 {
@@ -384,8 +486,10 @@ ssize_t __wrap_read(int fd, void *buffer, size_t size)
     if (file.what == MemoryMachine::OpenFile::NODE)
         return read_node(file, static_cast<char *>(buffer), size);
     PROMISE(file.what == MemoryMachine::OpenFile::PIPE_READ);
-    const size_t count = std::min(size, machine->probe_answer.size());
-    memcpy(buffer, machine->probe_answer.data(), count);
+    static const std::string program("cat\0", 4);
+    const std::string &answer = machine->is_child ? program : machine->probe_answer;
+    const size_t count = std::min(size, answer.size());
+    memcpy(buffer, answer.data(), count);
     return static_cast<ssize_t>(count);
 }
 
@@ -468,6 +572,7 @@ int __wrap_statx(int directory_fd, const char *path, int flags, unsigned, struct
 int __wrap_mkdir(const char *path, mode_t mode)
 {
     REAL_IF_NONE(mkdir, path, mode);
+    PROMISE(is_in_mnt(path));
     const bool is_new =
         machine->nodes.try_emplace(path, MemoryMachine::Node{MemoryMachine::DIRECTORY_NODE, ""})
             .second;
@@ -477,6 +582,7 @@ int __wrap_mkdir(const char *path, mode_t mode)
 int __wrap_rmdir(const char *path)
 {
     REAL_IF_NONE(rmdir, path);
+    PROMISE(may_be_mountpoint(path));
     const MemoryMachine::Node *node = machine->Find(path);
     if (!node)
         return fail(ENOENT);
@@ -494,6 +600,7 @@ int __wrap_rmdir(const char *path)
 int __wrap_unlink(const char *path)
 {
     REAL_IF_NONE(unlink, path);
+    PROMISE(path == swap_file() || (is_in_mnt(path) && path[5] == '^'));
     const MemoryMachine::Node *node = machine->Find(path);
     if (!node || node->kind == MemoryMachine::DIRECTORY_NODE)
         return fail(node ? EISDIR : ENOENT);
@@ -504,8 +611,8 @@ int __wrap_unlink(const char *path)
 int __wrap_symlink(const char *target, const char *path)
 {
     PROMISE(machine);
-    // A link is made nowhere but in /mnt itself.
-    PROMISE(std::string_view(path).rfind('/') == 4 && std::string_view(path).starts_with("/mnt/"));
+    // It leads to the directory beside it.
+    PROMISE(is_in_mnt(path) && path[5] == '^' && !strchr(target, '/'));
     const bool is_new =
         machine->nodes.try_emplace(path, MemoryMachine::Node{MemoryMachine::LINK_NODE, target})
             .second;
@@ -515,6 +622,7 @@ int __wrap_symlink(const char *target, const char *path)
 int __wrap_rename(const char *old_path, const char *new_path)
 {
     REAL_IF_NONE(rename, old_path, new_path);
+    PROMISE(old_path == swap_file() && new_path == swap_file() + ".discard");
     auto node = machine->nodes.extract(old_path);
     if (!node)
         return fail(ENOENT);
@@ -559,19 +667,21 @@ int __wrap_mount(const char *device, const char *directory, const char *type, un
 {
     PROMISE(machine);
     machine->deeds.push_back(std::string("mount ") + directory);
-    const bool read_only = flags & MS_RDONLY;
     if (flags & MS_REMOUNT) {
+        PROMISE(may_be_mountpoint(directory) && may_move_mount(directory));
         MemoryMachine::Mount *mounted = mount_at(directory);
         if (!mounted)
             return fail(EINVAL);
-        mounted->is_read_only = read_only;
+        mounted->flags = flags; // what is not said is taken away
     } else {
         // Nothing that a drive holds may gain the rights of root.
         PROMISE((flags & MS_NOSUID) && (flags & MS_NODEV));
+        PROMISE(is_in_mnt(directory) && may_move(device));
+        PROMISE(std::string("/dev/") + (directory + strlen("/mnt/")) == device);
         const MemoryMachine::Node *node = machine->Find(device);
         if (!node || node->filesystem != type)
             return fail(EINVAL);
-        machine->mounts.push_back({device, directory, type, read_only});
+        machine->mounts.push_back({device, directory, type, flags, protection_in(flags)});
     }
     machine->WriteMounts();
     return 0;
@@ -581,6 +691,9 @@ int __wrap_umount(const char *directory)
 {
     PROMISE(machine);
     machine->deeds.push_back(std::string("umount ") + directory);
+    PROMISE(may_be_mountpoint(directory) && may_move_mount(directory));
+    if (strcmp(directory, "/") == 0)
+        return fail(EBUSY);
     MemoryMachine::Mount *mounted = mount_at(directory);
     if (!mounted)
         return fail(EINVAL);
@@ -593,6 +706,7 @@ int __wrap_swapon(const char *path, int)
 {
     PROMISE(machine);
     machine->deeds.push_back(std::string("swapon ") + path);
+    PROMISE(path == swap_file() && (!machine->served || machine->served->uid == 0));
     return 0;
 }
 
@@ -623,6 +737,11 @@ pid_t __wrap_fork()
     REAL_IF_NONE(fork);
     if (!machine->can_fork)
         return fail(EAGAIN);
+    if (machine->becomes_child) {
+        machine->becomes_child = false;
+        machine->is_child = true;
+        return 0;
+    }
     machine->children[machine->next_child] = true;
     return machine->next_child++;
 }
@@ -642,6 +761,16 @@ pid_t __wrap_waitpid(pid_t child, int *status, int options)
 int __wrap_kill(pid_t pid, int number)
 {
     REAL_IF_NONE(kill, pid, number);
+    const auto process = machine->processes.find(pid);
+    if (process != machine->processes.end()) {
+        if (process->second == MemoryMachine::ENDED)
+            return fail(ESRCH);
+        PROMISE(machine->is_child && machine->Uses(pid));
+        PROMISE(number == SIGTERM || number == SIGKILL);
+        if (number == SIGKILL || process->second == MemoryMachine::OBEDIENT)
+            machine->End(pid);
+        return 0;
+    }
     const auto found = machine->children.find(pid);
     PROMISE(found != machine->children.end());
     // A driver program that failed gets SIGTERM though it was waited for: that is the daemon's way.
@@ -701,6 +830,7 @@ int __wrap_accept4(int fd, sockaddr *, socklen_t *length, int flags)
     file.client->is_accepted = true;
     machine->waiting_clients.pop_front();
     *length = sizeof(sa_family_t); // bound to no path
+    machine->served = file.client;
     return machine->OpenAs(file, flags & SOCK_CLOEXEC);
 }
 
@@ -726,6 +856,7 @@ ssize_t __wrap_recv(int fd, void *buffer, size_t size, int flags)
 {
     PROMISE(machine && (flags & MSG_DONTWAIT) && (flags & MSG_NOSIGNAL));
     Client &client = *machine->At(fd).client;
+    machine->served = &client;
     const bool takes = !(flags & MSG_PEEK);
     if (takes && take_error(client.read_errors))
         return -1;
@@ -782,9 +913,17 @@ int __wrap_execvp(const char *, char *const *)
     NEVER("no program is run");
 }
 
-int __wrap_chdir(const char *)
+int __wrap_chdir(const char *path)
 {
-    NEVER("the directory is left");
+    REAL_IF_NONE(chdir, path);
+    PROMISE(machine->is_child && strcmp(path, "/proc") == 0);
+    return 0;
+}
+
+pid_t __wrap_getppid()
+{
+    REAL_IF_NONE(getppid);
+    return getpid();
 }
 
 int __wrap_unlinkat(int, const char *, int)
@@ -797,14 +936,19 @@ int __wrap_close_range(unsigned, unsigned, int)
     NEVER("all is closed");
 }
 
-int __wrap_prctl(int, ...)
+int __wrap_prctl(int option, ...)
 {
-    NEVER("the process is changed");
+    REAL_IF_NONE(prctl, option);
+    PROMISE(machine->is_child);
+    return 0;
 }
 
-int __wrap_poll(pollfd *, nfds_t, int)
+// One of three does not answer in time.
+int __wrap_poll(pollfd *files, nfds_t count, int timeout)
 {
-    NEVER("something is waited for");
+    REAL_IF_NONE(poll, files, count, timeout);
+    PROMISE(machine->is_child && count == 1 && timeout >= 0);
+    return machine->next_child % 3 == 0 ? 0 : 1;
 }
 
 ssize_t __wrap_write(int fd, const void *bytes, size_t size)
@@ -829,6 +973,28 @@ void __wrap__exit(int status)
 {
     if (!machine)
         __real__exit(status);
+    if (machine->is_child)
+        longjmp(machine->end_of_child, 1);
     NEVER("the daemon ends");
+}
+
+// The child lives first, and ends in _exit(); then the daemon goes on as if it had waited for it.
+// Nothing that has a destructor may stand on the way between.
+void EVICT(__wrap_)(const std::string &device, const std::string &mountpoint, bool writers_only)
+{
+    PROMISE(machine && may_move_mount(mountpoint));
+    machine->evictions++;
+    machine->evicted = mountpoint;
+    machine->evicts_writers_only = writers_only;
+    if (setjmp(machine->end_of_child) == 0) {
+        machine->becomes_child = true;
+        EVICT(__real_)(device, mountpoint, writers_only);
+        machine->becomes_child = false; // there was no child
+        return;
+    }
+    machine->is_child = false;
+    for (const auto &[pid, state] : machine->processes)
+        PROMISE(state == MemoryMachine::ENDED || !machine->Uses(pid));
+    EVICT(__real_)(device, mountpoint, writers_only);
 }
 }

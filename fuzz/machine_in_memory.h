@@ -4,13 +4,16 @@
 // The linker leads the daemon's calls here (fuzz/CMakeLists.txt has the list). While a machine
 // lives, each of them is answered from it alone; without one they are the C library's own, for the
 // fuzzer needs some of them. What no daemon may do breaks a promise: a second close, a descriptor
-// that is left open or that an exec would pass on, a signal to a stranger.
+// that is left open or that an exec would pass on, a signal to a stranger, a mount or a name
+// outside of /mnt, a mount of the boot or the main device that a client without rights has moved.
 #ifndef QUARRYD_FUZZ_MACHINE_IN_MEMORY_H
 #define QUARRYD_FUZZ_MACHINE_IN_MEMORY_H
 
+#include <csetjmp>
 #include <ctime>
 #include <deque>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -44,6 +47,7 @@ public:
         std::string filesystem{};              // on a device; the only one that mounts it
         int error = 0;                         // opening it fails, unless this is 0
         bool is_write_protected = false;       // its mode allows nobody to write
+        std::string opened{}; // of a link of /proc: the file, when it is not where the link says
     };
 
     MemoryMachine(); // the daemon's state is then as it is right after the start
@@ -62,6 +66,12 @@ public:
     void Mounted(const std::string &device, const std::string &mountpoint, const std::string &type,
                  const std::string &options);
 
+    // Whether every mount still has the flags that protected the machine from what it holds.
+    bool AreMountsProtected() const;
+
+    // A process that has a link below /proc/PID. A stubborn one does not end at SIGTERM.
+    void Process(pid_t pid, const std::string &link, const std::string &target, bool is_stubborn);
+
     using Nodes = std::map<std::string, Node, std::less<>>;
     Nodes nodes;
     std::deque<Client *> waiting_clients; // to be accepted
@@ -71,8 +81,9 @@ public:
     int disc_status = 4;              // what optical drives say of themselves
     time_t now = 1000000;             // moved on by each sleep
     std::vector<std::string> deeds{}; // "swapon PATH", "swapoff PATH", "mount PATH", "umount PATH"
-    size_t reads = 0;                 // calls of read()
-    bool may_leak = false;            // some descriptor may be left open
+    size_t evictions = 0;
+    size_t reads = 0;      // calls of read()
+    bool may_leak = false; // some descriptor may be left open
 
     // For the calls alone.
     struct OpenFile {
@@ -91,12 +102,25 @@ public:
         std::string device;
         std::string mountpoint; // as it is, not as the table has it
         std::string type;
-        bool is_read_only = false;
+        unsigned long flags = 0;      // as mount(2) has them
+        unsigned long protection = 0; // those of them that must stay
     };
+    enum ProcessState { OBEDIENT, STUBBORN, ENDED };
+
+    bool Uses(pid_t pid) const; // what is evicted
+    void End(pid_t pid);
     std::vector<Mount> mounts{};
     std::vector<OpenFile> open_files{};
     std::map<pid_t, bool> children{}; // the flag: not yet waited for
     pid_t next_child = 5000;
+    std::map<pid_t, ProcessState> processes{};
+    std::set<std::string> first_mountpoints{}; // of mounts that were there from the start
+    const Client *served = nullptr;            // the daemon's last call on a socket was for it
+    bool becomes_child = false;                // the next fork() is the child's
+    bool is_child = false;
+    jmp_buf end_of_child{};
+    std::string evicted{}; // the mount point whose users the child ends
+    bool evicts_writers_only = false;
 };
 
 #endif
