@@ -52,13 +52,6 @@ struct ListingRow {
     bool is_partition;
 };
 
-// For a name, or a path with one: what a notice calls a device may hold anything but a slash.
-static std::string in_one_column(std::string name)
-{
-    mask_controls(name);
-    return name;
-}
-
 static void append_fields(std::string &reply, const char *prefix,
                           std::initializer_list<std::string_view> fields)
 {
@@ -72,11 +65,12 @@ static void append_fields(std::string &reply, const char *prefix,
     reply += '\n';
 }
 
+// A notice may call a device anything that has no slash, a line end too.
 static void append_plain_row(std::string &reply, const ListingRow &row)
 {
     const BlockDevice &device = row.device;
     append_fields(reply, row.is_partition ? "OK- \t\t" : "OK- \t",
-                  {in_one_column(device.device), row.type, row.connection, device.label,
+                  {without_controls(device.device), row.type, row.connection, device.label,
                    std::to_string(static_cast<long long>(row.bytes)), device.model, device.place,
                    raid_text(device.device), device.filesystem});
 }
@@ -85,7 +79,7 @@ static void append_human_row(std::string &reply, const ListingRow &row)
 {
     const BlockDevice &device = row.device;
     reply += "OK- ";
-    reply += lpadded(in_one_column(device.device), WIDTH_DEVICE) + ' ';
+    reply += lpadded(without_controls(device.device), WIDTH_DEVICE) + ' ';
     reply += lpadded(row.type, WIDTH_TYPE) + ' ';
     reply += lpadded(row.connection, WIDTH_CONNECTION) + ' ';
     reply += lpadded(device.label, WIDTH_LABEL) + ' ';
@@ -166,7 +160,7 @@ static void enumerate_partitions(std::string &reply, const BlockDevice &drive,
         if (partition->filesystem.empty() && !open_files.IsInUse(path))
             probe_label(path, partition->label, &partition->filesystem);
         append_fields(reply, "OK-\t\t\t",
-                      {in_one_column(path), in_one_column(drive.sysfs_path + "/" + name),
+                      {without_controls(path), without_controls(drive.sysfs_path + "/" + name),
                        partition->model, drive.type, partition->label, drive.connection->name,
                        partition->place});
     }
@@ -185,7 +179,7 @@ static void enumerate_group(std::string &reply, const ConnectionType *group,
         const std::string path = "/dev/" + name;
         learn_enumerated_drive(*drive, path, open_files);
         append_fields(reply, "OK-\t\t",
-                      {in_one_column(path), in_one_column(drive->sysfs_path), drive->model,
+                      {without_controls(path), without_controls(drive->sysfs_path), drive->model,
                        drive->type, drive->label, group->name, drive->place});
         enumerate_partitions(reply, *drive, open_files);
     }
