@@ -325,7 +325,8 @@ RULES = [
         MOUNTING,
         replies=NO_MOUNTPOINT,
         then={"5 mount ro sdb1": "OK mount succeeded"},
-        lines=DRIVERS,
+        mounts=True,
+        lines=MOUNTS,
     ),
     Rule("mount", "/mnt/sdc1 MS_REMOUNT", AT_START, "Warning: cannot remount /mnt/sdc1 read/w"),
     Rule("mount", r".* MS_REMOUNT\|MS_BIND", says=r"Cannot protect /mnt/\w+ again "),
@@ -334,6 +335,7 @@ RULES = [
         ".* MS_REMOUNT",
         says=r"Cannot remount \w+ .*",
         replies="ERR cannot remount",
+        then={r"6 mount rw \^DATA|14 mount rw sdc1": "OK already mounted read/write"},
         mounts=True,
     ),
     Rule("mkdir", r"/mnt/\w+", AT_START, lines="mount failed for .*"),
@@ -613,6 +615,8 @@ def _mentioned(site):
     return {_drive(word) for word in re.findall(r"\w+", site.about)}
 
 
+# These do not name their drive: the path has a number, the child is that drive's probe.
+NAMELESS = ("/sys/class/", "/sys/devices/", "#", "pipe")
 PLACE = scripted_run.FIELDS.index("place")
 
 
@@ -630,8 +634,8 @@ def _listing_problems(life, base, site, rule):
             differing[name].discard("place")
     drives = {_drive(name) for name, fields in differing.items() if fields}
     excused = _mentioned(site)
-    if site and site.about.startswith(("/sys/class/", "#", "pipe")) and len(drives) == 1:
-        excused = drives  # not named: the path has a number, the child is that drive's probe
+    if site and site.about.startswith(NAMELESS) and len(drives) == 1:
+        excused = drives
     for name, fields in differing.items():
         if fields - (set(rule.stays) if _drive(name) in excused else set()):
             problems.append(f"in the end it says of {name}: {mine[name]}")

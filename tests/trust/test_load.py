@@ -94,8 +94,6 @@ def loaded(machine, seconds):
     replied = {index for index, *_ in crowd.visits}
     waiting = {i for i in range(crowd.size) if WAYS[i % len(WAYS)].__name__ in PATIENT}
     assert waiting <= replied
-    # A pass takes in one client, and each has its step in every pass.
-    assert crowd.most_overtaken() <= 2
     # In front of a full queue it is the kernel that chooses, so that is another wait.
     in_front = (INSIDE + QUEUE) * (PASS + alone) + LONGEST_HOLD
     assert crowd.longest_in_queue() < PATIENCE * in_front
@@ -115,6 +113,8 @@ def loaded(machine, seconds):
 @pytest.mark.seconds(120)
 def test_nobody_in_a_crowd_is_passed_over_and_nothing_is_left_of_it(machine, release):
     crowd, alone = loaded(machine, seconds=2)
+    # A pass takes in one client, and each has its step in every pass.
+    assert crowd.most_overtaken() <= 2
     everybody = crowd.size * (PASS + alone) + LONGEST_HOLD
     assert crowd.longest() < PATIENCE * everybody
 
@@ -122,4 +122,7 @@ def test_nobody_in_a_crowd_is_passed_over_and_nothing_is_left_of_it(machine, rel
 @pytest.mark.long
 @pytest.mark.seconds(1000)
 def test_ten_minutes_of_a_crowd_leave_no_more_than_one(machine, release):
+    # Who stands below somebody that has gone has his step in the next pass, and again in the next
+    # when somebody goes in every pass: here some are overtaken more often, and it is the bound of
+    # the wait in the queue that holds.
     loaded(machine, seconds=600)
