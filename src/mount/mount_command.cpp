@@ -173,14 +173,19 @@ static void remount(const MountRequest &request, const MountEntry &entry, bool r
                     std::string &reply)
 {
     const std::string mountpoint = from_kernel_table(entry.mountpoint);
-    const unsigned long flags = protecting_flags(entry);
     const unsigned long mode = read_only ? MS_RDONLY : 0;
-    if (mount("", mountpoint.c_str(), "", MS_REMOUNT | mode, nullptr) < 0) {
-        fprintf(stderr, "Cannot remount %s %s\n", request.name.c_str(), strerror(errno));
+    MountEntry top;
+    int error = 0;
+    if (!find_on_top(entry.device, entry.mountpoint, top))
+        error = EBUSY;
+    else if (mount("", mountpoint.c_str(), "", MS_REMOUNT | mode, nullptr) < 0)
+        error = errno;
+    if (error != 0) {
+        fprintf(stderr, "Cannot remount %s %s\n", request.name.c_str(), strerror(error));
         reply = "ERR cannot remount";
         return;
     }
-    put_flags_back(mountpoint, flags, read_only);
+    put_flags_back(entry.device, entry.mountpoint, protecting_flags(top), read_only);
     reply = read_only ? "OK remounted as r/o" : "OK remounted as r/w";
 }
 

@@ -22,15 +22,21 @@ static const size_t filesystem_line_limit = 127;
 // table whose reading broke off is as good as none.
 static std::string table_text;
 
-bool parse_mount_line(std::string_view line, MountEntry &entry)
+// What stands before the options; rest is what is left.
+static void take_names(std::string_view &rest, MountEntry &entry)
 {
-    const bool is_cut = line.size() > mount_line_limit;
-    std::string_view rest = line.substr(0, mount_line_limit);
     entry.options.clear();
     skip_run(rest, ' ');
     entry.device = std::string(take_field(rest, ' '));
     entry.mountpoint = std::string(take_field(rest, ' '));
     entry.fstype = std::string(take_field(rest, ' '));
+}
+
+bool parse_mount_line(std::string_view line, MountEntry &entry)
+{
+    const bool is_cut = line.size() > mount_line_limit;
+    std::string_view rest = line.substr(0, mount_line_limit);
+    take_names(rest, entry);
     // The first option is "rw" or "ro"; of a letter alone nobody could tell which.
     if (is_cut && rest.size() < 2)
         return false;
@@ -51,6 +57,23 @@ void ReadProcMounts()
         if (!line.empty() && parse_mount_line(line, entry))
             mount_list.push_back(std::move(entry));
     }
+}
+
+bool read_mounts_at(const std::string &mountpoint, std::vector<MountEntry> &mounts)
+{
+    mounts.clear();
+    if (!read_whole_file("/proc/mounts", table_text))
+        return false;
+    LineReader lines(table_text);
+    for (std::string_view rest; lines.Next(rest);) {
+        MountEntry entry;
+        take_names(rest, entry);
+        if (entry.mountpoint != mountpoint)
+            continue;
+        cut_at(take_field(rest, ' '), ',', entry.options);
+        mounts.push_back(std::move(entry));
+    }
+    return true;
 }
 
 bool has_option(const MountEntry &entry, const std::string &option)

@@ -131,7 +131,7 @@ static void protect_mount(const std::string &device_path)
 {
     const MountEntry *entry = FindMount("device", device_path);
     if (entry)
-        put_flags_back(from_kernel_table(entry->mountpoint),
+        put_flags_back(device_path, entry->mountpoint,
                        protecting_flags(*entry) | MS_NOSUID | MS_NODEV, !has_option(*entry, "rw"));
 }
 

@@ -33,12 +33,21 @@ static const MountEntry *find_writable(const std::string &name)
     return entry && has_option(*entry, "rw") ? entry : nullptr;
 }
 
-// Runs mount(8) to change the options of "/mnt/" + name, which is mounted read-write.
+// Runs mount(8) to change the options of "/mnt/" + name, which is mounted read-write. Where
+// something lies on the drive it is not asked: it would have to do with a stranger's words.
 static int remount_with(const std::string &name, const std::string &options)
 {
     const std::string directory = "/mnt/" + name;
+    const std::string device_path = "/dev/" + name;
+    const std::string mountpoint = in_mount_table(directory);
+    if (is_covered(device_path, mountpoint))
+        return 0;
+    MountEntry top;
+    const MountEntry *known = FindMount("mountpoint", mountpoint);
+    if (!find_on_top(device_path, mountpoint, top) && known)
+        top = *known;
     const int succeeded = run_quietly({"mount", "-o", options, directory});
-    put_flags_back(directory, protecting_flags_of(directory), false);
+    put_flags_back(device_path, mountpoint, protecting_flags(top), false);
     return succeeded;
 }
 

@@ -6,6 +6,7 @@ Where two must meet in the middle of what the daemon does, nothing is left to lu
 daemon behind the call that looked, the other one acts, and then the daemon goes on."""
 
 import ast
+import contextlib
 import itertools
 import os
 import re
@@ -214,6 +215,122 @@ def test_a_stale_directory_that_is_swapped_takes_nothing_else_along(machine, ins
     machine.pass_of_loop()
     assert os.path.isdir("/root/empty")
     assert os.path.exists("/mnt/stale")
+
+
+# Races on a mount.
+
+OWN_FLAGS = kernel.MS_NOSUID | kernel.MS_NODEV
+
+
+def users_stick(machine, flags=OWN_FLAGS):
+    """A mounted drive whose root belongs to a user."""
+    machine.plug("usb", "sdb", MIB)
+    machine.part("sdb1", 65536)
+    machine.real_mounts()
+    os.mkdir("/mnt/sdb1")
+    kernel.mount("/dev/sdb1", "/mnt/sdb1", "tmpfs", flags, "mode=755,uid=1000")
+
+
+@contextlib.contextmanager
+def strangers_mount(name="mine"):
+    """What a user's fusermount puts on the root of his drive; it goes at the end."""
+    fuse = os.open("/dev/fuse", os.O_RDWR)
+    words = f"fd={fuse},rootmode=40000,user_id=1000,group_id=1000"
+    kernel.mount(name, "/mnt/sdb1", "fuse", OWN_FLAGS, words)
+    try:
+        yield
+    finally:
+        if len(mounts_at("/mnt/sdb1")) > 1:
+            kernel.umount("/mnt/sdb1", kernel.MNT_DETACH)
+        os.close(fuse)
+
+
+def mounts_at(point):
+    """(type, options) of all that is mounted there, from below."""
+    with open("/.proc/self/mounts") as file:
+        rows = [line.split() for line in file]
+    return [(fields[2], set(fields[3].split(","))) for fields in rows if fields[1] == point]
+
+
+def changing(options):
+    """What a remount may change."""
+    return options & {"ro", "rw", "nosuid", "nodev"}
+
+
+@pytest.mark.parametrize(
+    "name", ["mine", "/dev/sdb1", "m" * 600], ids=["his", "the drive's", "long"]
+)
+@pytest.mark.parametrize("flags", [0, OWN_FLAGS], ids=["bare", "protected"])
+def test_a_strangers_mount_on_a_drive_is_not_remounted_for_it(machine, name, flags):
+    """A remount takes nosuid and nodev from whatever is on top."""
+    users_stick(machine, flags)
+    daemon = machine.start("--hotplug")
+    with strangers_mount(name):
+        before = mounts_at("/mnt/sdb1")
+        assert machine.ask("mount ro sdb1", "guest") == "ERR cannot remount\n"
+        assert mounts_at("/mnt/sdb1") == before
+    assert "Cannot remount sdb1 Device or resource busy\n" in daemon.stderr()
+
+
+@pytest.mark.parametrize("flags", [0, OWN_FLAGS], ids=["bare", "protected"])
+def test_a_strangers_mount_that_comes_before_the_remount_gets_its_flags_back(machine, flags):
+    """Between the look at the table and the remount, which then is his."""
+    users_stick(machine, flags)
+    delayed = ["-e", "trace=mount", "-e", "inject=mount:delay_enter=1500000:when=1"]
+    daemon = machine.start("--hotplug", trace=delayed)
+    with machine.connect("guest") as client:
+        client.send("mount ro sdb1\n")
+        wait_until(lambda: daemon.current_call() == kernel.SYSCALLS["mount"], what="the remount")
+        with strangers_mount():
+            client.reply()
+            (_, own), (kind, his) = mounts_at("/mnt/sdb1")
+    assert kind == "fuse" and {"nosuid", "nodev"} <= his
+    assert changing(own) == {"rw"} | ({"nosuid", "nodev"} if flags else set())
+
+
+def test_a_strangers_mount_that_comes_after_the_remount_keeps_no_flags_from_the_drive(machine):
+    """Between the remount and the giving back of the flags, which would be given to his."""
+    users_stick(machine)
+    stopped = ["-e", "trace=mount", "-e", "inject=mount:signal=SIGSTOP:when=1"]
+    daemon = machine.start("--hotplug", trace=stopped)
+    with machine.connect("guest") as client:
+        client.send("mount ro sdb1\n")
+        wait_for_the_stop(daemon)
+        assert changing(mounts_at("/mnt/sdb1")[0][1]) == {"ro"}
+        with strangers_mount():
+            go_on(daemon)
+            assert client.reply() == "OK remounted as r/o\n"
+            assert [changing(options) for _, options in mounts_at("/mnt/sdb1")] == [
+                {"ro", "nosuid", "nodev"}
+            ]
+    assert "Cannot protect" not in daemon.stderr()
+
+
+def test_a_strangers_mount_on_a_fresh_one_keeps_no_flags_from_the_drive(machine):
+    """Between a driver program's mount and the look at it; mount(8), which asks what is on top, is
+    not called with his."""
+    stand_ins.exfat_stick(machine)
+    tmpfs = stand_ins.MOUNT_TMPFS.replace("exec ", "")
+    words = "nosuid,nodev,fd=3,rootmode=40000,user_id=1000,group_id=1000"
+    his = f'{stand_ins.REAL_MOUNT} -i -t fuse -o {words} mine "$directory" 3<>/dev/fuse\n'
+    stand_ins.stand_in(machine, "/usr/sbin/mount.exfat", f"{tmpfs}\n{his}")
+    machine.start("--hotplug")
+    assert machine.ask("mount rw sdb1", "guest") == MOUNTED
+    ((kind, options),) = mounts_at("/mnt/sdb1")
+    assert kind == "tmpfs" and {"nosuid", "nodev"} <= options
+
+
+def test_mount_is_not_run_for_what_a_stranger_has_put_on_the_drive(machine):
+    """Quotas and ACLs: mount(8) would remount the stranger's, and run a helper by its words."""
+    stand_ins.exfat_stick(machine)
+    cover = f"{stand_ins.REAL_MOUNT} -t tmpfs -o nosuid,nodev mine /mnt/sdb1\n"
+    tmpfs = stand_ins.MOUNT_TMPFS.replace("exec ", "").replace("mode=755", "mode=755,nosuid,nodev")
+    stand_ins.stand_in(machine, "/usr/sbin/mount.exfat", f"{tmpfs}\n{cover}")
+    daemon = machine.start("--hotplug")
+    assert machine.ask("mount rw sdb1") == MOUNTED
+    assert stand_ins.calls("bin/mount") == []
+    assert "Problem enabling ACLs, oh well\n" in daemon.stderr()
+    kernel.umount("/mnt/sdb1")
 
 
 # Races on a drive.

@@ -279,8 +279,11 @@ TEST_F(WaitForMount, WhatADriverProgramMountsIsProtected)
         {"rw,nosuid,noexec", MS_NOEXEC},
     };
     for (const auto &c : cases) {
-        machine.Write("/proc/mounts",
-                      "/dev/sdb1 /mnt/a\\040b fuseblk " + std::string(c.options) + " 0 0\n");
+        const std::string line = "/dev/sdb1 /mnt/a\\040b fuseblk " + std::string(c.options);
+        machine.Write("/proc/mounts", line + " 0 0\n");
+        machine.on_deed = [&](const std::string &) {
+            machine.Write("/proc/mounts", line + ",nosuid,nodev 0 0\n");
+        };
         const size_t before = machine.Deeds().size();
         EXPECT_TRUE(wait_for_mount("sdb1", "*ntfs-3g"));
         ASSERT_EQ(machine.Deeds().size(), before + 1) << c.options;

@@ -41,11 +41,11 @@ TEST_F(Remounting, ProtectionsAreThoseOfTheTable)
 // One bind remount with those flags, which keeps read-only what is; nothing without a flag.
 TEST_F(Remounting, FlagsComeBackByABindRemount)
 {
-    put_flags_back("/mnt/sdb1", MS_NOSUID | MS_NODEV, false);
-    put_flags_back("/mnt/sdb1", MS_NOSUID | MS_NODEV, true);
-    put_flags_back("/other place", MS_NOEXEC, false);
-    put_flags_back("/mnt/sdb1", 0, false);
-    put_flags_back("/mnt/sdb1", 0, true);
+    put_flags_back("/dev/sdb1", "/mnt/sdb1", MS_NOSUID | MS_NODEV, false);
+    put_flags_back("/dev/sdb1", "/mnt/sdb1", MS_NOSUID | MS_NODEV, true);
+    put_flags_back("/dev/sdb1", "/other\\040place", MS_NOEXEC, false);
+    put_flags_back("/dev/sdb1", "/mnt/sdb1", 0, false);
+    put_flags_back("/dev/sdb1", "/mnt/sdb1", 0, true);
     EXPECT_EQ(machine.Deeds(), Deeds({"mount '' /mnt/sdb1 '' 4134", "mount '' /mnt/sdb1 '' 4135",
                                       "mount '' /other place '' 4136"}));
     EXPECT_EQ(errors.Take(), "");
@@ -55,20 +55,57 @@ TEST_F(Remounting, FlagsComeBackByABindRemount)
 TEST_F(Remounting, KernelsRefusalIsALine)
 {
     machine.Script(Call::MOUNT, {fails(EPERM), fails(EINVAL)});
-    put_flags_back("/mnt/sdb1", MS_NOSUID, false);
+    put_flags_back("/dev/sdb1", "/mnt/sdb1", MS_NOSUID, false);
     EXPECT_EQ(errors.Take(), "Cannot protect /mnt/sdb1 again Operation not permitted\n");
-    put_flags_back("/mnt/sdb1", MS_NOSUID, false);
+    put_flags_back("/dev/sdb1", "/mnt/sdb1", MS_NOSUID, false);
     EXPECT_EQ(errors.Take(), "");
 }
 
-// Of a directory it is what is mounted there, under the name that the kernel's table gives it.
-TEST_F(Remounting, DirectorysFlagsAreThoseOfItsMount)
+// What lies on the device's mount becomes nosuid and nodev; root's is left there.
+TEST_F(Remounting, WhatLiesOnTheMountIsProtected)
 {
-    machine.Write("/proc/mounts", "/dev/sdb1 /mnt/a\\040b ext4 rw,nosuid 0 0\n"
-                                  "/dev/sdb1 /mnt/sdb1 ext4 rw,nosuid,nodev 0 0\n");
-    ReadProcMounts();
-    EXPECT_EQ(protecting_flags_of("/mnt/sdb1"), static_cast<unsigned long>(MS_NOSUID | MS_NODEV));
-    EXPECT_EQ(protecting_flags_of("/mnt/a b"), static_cast<unsigned long>(MS_NOSUID));
-    EXPECT_EQ(protecting_flags_of("/mnt/sdb"), 0UL);
-    EXPECT_EQ(protecting_flags_of("/dev/sdb1"), 0UL);
+    machine.Write("/proc/mounts", "/dev/sdb1 /mnt/sdb1 ext4 rw,nosuid,nodev 0 0\n"
+                                  "mine /mnt/sdb1 fuse ro,noexec,user_id=1000 0 0\n");
+    put_flags_back("/dev/sdb1", "/mnt/sdb1", MS_NOSUID | MS_NODEV, false);
+    EXPECT_EQ(machine.Deeds(), Deeds({"mount '' /mnt/sdb1 '' 4134", "mount '' /mnt/sdb1 '' 4143"}));
+    EXPECT_EQ(errors.Take(), "");
+}
+
+// A mount is on top when its line is the last of that directory, however long another one is.
+TEST_F(Remounting, LastLineOfADirectoryIsOnTop)
+{
+    const std::string own = "/dev/sdb1 /mnt/sdb1 ext4 rw,nosuid 0 0\n";
+    static const struct {
+        std::string more;
+        bool is_on_top;
+    } cases[] = {
+        {"", true},
+        {"mine /mnt/sdb fuse rw,user_id=1000 0 0\n", true},
+        {"mine /mnt/sdb1/inside fuse rw,user_id=1000 0 0\n", true},
+        {"/dev/sdb1 /mnt/sdb1 ext4 rw,nosuid 0 0\n", true},
+        {"mine /mnt/sdb1 fuse rw,user_id=1000 0 0\n", false},
+        {"/dev/sdb1 /mnt/sdb1 fuse rw,user_id=1000 0 0\n", false},
+        {std::string(1000, 'm') + " /mnt/sdb1 fuse rw,user_id=1000 0 0\n", false},
+        {"tmpfs /mnt/sdb1 tmpfs rw 0 0\n", false},
+    };
+    MountEntry entry;
+    for (const auto &c : cases) {
+        machine.Write("/proc/mounts", own + c.more);
+        EXPECT_EQ(find_on_top("/dev/sdb1", "/mnt/sdb1", entry), c.is_on_top) << c.more;
+        EXPECT_EQ(is_covered("/dev/sdb1", "/mnt/sdb1"), !c.is_on_top) << c.more;
+    }
+    EXPECT_EQ(entry.options, std::vector<std::string>({"rw", "nosuid"}));
+    EXPECT_FALSE(find_on_top("/dev/sdb1", "/mnt/other", entry));
+    EXPECT_FALSE(is_covered("/dev/sdb1", "/mnt/other"));
+    machine.Remove("/proc/mounts");
+    EXPECT_FALSE(find_on_top("/dev/sdb1", "/mnt/sdb1", entry));
+    EXPECT_TRUE(is_covered("/dev/sdb1", "/mnt/sdb1"));
+}
+
+TEST_F(Remounting, TablesNameOfADirectoryIsWhereItsLinksLead)
+{
+    machine.MakeDirectory("/tmpfs/.mnt/a b");
+    machine.Link("/link", "/tmpfs/.mnt");
+    EXPECT_EQ(in_mount_table("/link/a b"), "/tmpfs/.mnt/a\\040b");
+    EXPECT_EQ(in_mount_table("/none/a b"), "/none/a\\040b");
 }

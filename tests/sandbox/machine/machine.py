@@ -409,6 +409,12 @@ class Daemon:
                     return line.split()[1]
         raise ValueError(name)
 
+    def current_call(self):
+        """The number of the system call that it is in, or None."""
+        with open(f"{REAL_PROC}/{self.pid}/syscall") as file:
+            word = file.read().split()[0]
+        return None if word == "running" else int(word)
+
     def resident_kib(self):
         return int(self.status_field("VmRSS"))
 
