@@ -6,11 +6,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <fcntl.h>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/swap.h>
 #include <unistd.h>
+#include <vector>
 
 #include "base/child_process.h"
 #include "base/daemon_state.h"
@@ -88,6 +91,63 @@ static void set_swap_path()
                 name.c_str());
 }
 
+// Whether nobody but root (and who runs the daemon) can put something else in the place of what
+// lies in this directory, or of what this file holds. A sticky directory leaves each his own.
+static bool is_roots_alone(const struct stat &status)
+{
+    const bool is_sticky = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
+    const mode_t others = S_IWOTH | (status.st_gid == 0 ? 0u : S_IWGRP);
+    const bool is_open = (status.st_mode & others) != 0;
+    return (status.st_uid == 0 || status.st_uid == geteuid()) &&
+           (S_ISLNK(status.st_mode) || is_sticky || !is_open);
+}
+
+// Follows the words of a path, link by link, and looks at everything on the way. What is not there
+// is nobody's.
+static bool is_out_of_others_reach(std::string current, const std::string &path)
+{
+    const size_t most_words = 256; // links that go round would never end
+    std::vector<std::string> words;
+    cut_at(path, '/', words);
+    std::deque<std::string> rest(words.begin(), words.end());
+    struct stat status;
+    for (size_t count = 0; count < most_words; count++) {
+        if (lstat(current.empty() ? "/" : current.c_str(), &status) < 0)
+            return errno == ENOENT;
+        if (!is_roots_alone(status))
+            return false;
+        if (S_ISLNK(status.st_mode)) {
+            const std::string target = read_link_at(AT_FDCWD, current.c_str(), PATH_MAX);
+            words.clear();
+            cut_at(target, '/', words);
+            rest.insert(rest.begin(), words.begin(), words.end());
+            current.resize(target.starts_with('/') ? 0 : current.rfind('/'));
+        }
+        while (!rest.empty() && (rest.front().empty() || rest.front() == "."))
+            rest.pop_front();
+        if (rest.empty())
+            return true;
+        if (rest.front() == "..")
+            current.resize(current.empty() ? 0 : current.rfind('/'));
+        else
+            current += "/" + rest.front();
+        rest.pop_front();
+    }
+    return false;
+}
+
+// The file could be exchanged for a link under mkswap's hands, or what memory has put there be
+// changed, by whoever may write to its directories or to itself.
+static bool is_swap_file_safe()
+{
+    if (swap_path.empty())
+        return true;
+    char *resolved = realpath(("/mnt/" + main_partition).c_str(), nullptr);
+    const std::string directory = resolved ? resolved : "";
+    free(resolved);
+    return !resolved || is_out_of_others_reach(directory, settings.swap_name);
+}
+
 // Renamed first, so that what it holds is kept; the second step then finds nothing to remove.
 static void set_small_file_aside()
 {
@@ -119,6 +179,10 @@ int SwapOn()
     if (SwapFileActive() || settings.swap_name.empty())
         return 1;
     fprintf(stderr, "Setting up swapfile on main drive.\n");
+    if (!is_swap_file_safe()) {
+        fprintf(stderr, "Swap file can be changed by others than root, it is not used\n");
+        return 0;
+    }
     set_small_file_aside();
     struct stat status;
     if (stat(swap_path.c_str(), &status) < 0)

@@ -7,7 +7,8 @@
 
 // Switches the swap file on; one that the kernel does not know for swap is formatted first. 1 on
 // success, and when there is nothing to do: no name set, no such file, in use already. A file below
-// 1 MiB is set aside as NAME.discard. 0 on failure.
+// 1 MiB is set aside as NAME.discard. 0 on failure, and when somebody else than root may write to
+// the file or to a directory on the way to it from the main partition's root.
 int SwapOn();
 
 // Switches the swap file off. 1 on success and when it is not in use, 0 on failure.

@@ -209,6 +209,70 @@ def test_what_is_no_file_is_never_formatted(machine, what):
     assert os.path.lexists("/mnt/sdb1/swap.img.discard")
 
 
+def open_to_others(what):
+    """Makes a swap file, or a way to it, that somebody else than root can change."""
+    os.makedirs("/mnt/sdb1/folder")
+    name = "folder/swap.img"
+    swap_file(path=f"/mnt/sdb1/{name}")
+    if what == "the root of the partition":
+        os.chown("/mnt/sdb1", 1000, 1000)
+    elif what == "its folder, by the group":
+        os.chown("/mnt/sdb1/folder", 0, 1000)
+        os.chmod("/mnt/sdb1/folder", 0o775)
+    elif what == "its folder, by all":
+        os.chmod("/mnt/sdb1/folder", 0o777)
+    elif what == "a user's file":
+        os.chown("/mnt/sdb1/folder/swap.img", 1000, 1000)
+    elif what == "a file for all":
+        os.chmod("/mnt/sdb1/folder/swap.img", 0o666)
+    elif what == "a link to a user's folder":
+        os.makedirs("/home/guest")
+        os.chown("/home/guest", 1000, 1000)
+        swap_file(path="/home/guest/swap.img")
+        os.symlink("../../../home/guest/swap.img", "/mnt/sdb1/link")
+        name = "link"
+    return name
+
+
+@pytest.mark.parametrize(
+    "what",
+    [
+        "the root of the partition",
+        "its folder, by the group",
+        "its folder, by all",
+        "a user's file",
+        "a file for all",
+        "a link to a user's folder",
+    ],
+)
+def test_a_swap_file_that_others_can_change_is_not_used(machine, what):
+    name = open_to_others(what)
+    machine.stand_in("mkswap")
+    daemon = main_partition(machine, name=name, **answers("swapon", first=EINVAL, then=0))
+    assert said(daemon) == [
+        "Setting up swapfile on main drive.",
+        "Swap file can be changed by others than root, it is not used",
+        "Warning: cannot enable swap",
+    ]
+    assert kernel_calls(daemon, "swapon") == [] and machine.calls("mkswap") == []
+    assert machine.ask("swapon") == "ERR swap enable failed\n"
+
+
+@pytest.mark.parametrize(
+    "name", ["folder/swap.img", "./folder//swap.img", "link", "sticky/swap.img"]
+)
+def test_a_swap_file_that_root_alone_can_change_is_used(machine, name):
+    os.makedirs("/mnt/sdb1/folder")
+    os.chmod("/mnt/sdb1/folder", 0o775)
+    os.mkdir("/mnt/sdb1/sticky")
+    os.chmod("/mnt/sdb1/sticky", 0o1777)
+    swap_file(path="/mnt/sdb1/folder/swap.img")
+    swap_file(path="/mnt/sdb1/sticky/swap.img")
+    os.symlink("folder/../folder/swap.img", "/mnt/sdb1/link")
+    daemon = main_partition(machine, name=name, **answers("swapon", first=0))
+    assert kernel_calls(daemon, "swapon") == [f"/mnt/sdb1/{name}"]
+
+
 @pytest.mark.parametrize("formatted", [False, True])
 def test_a_file_that_is_in_use_as_swap_already_is_a_success(machine, formatted):
     """Right away, or after it was formatted: the kernel knows better than its table."""

@@ -362,18 +362,23 @@ def test_a_signature_file_that_is_swapped_is_not_read(machine, instead):
     assert "Found main partition" not in daemon.stderr()
 
 
-def test_a_swap_file_is_no_users_to_swap(machine):
-    """Between the last look at the file and mkswap, which would write wherever a link leads."""
+def main_partition_of(machine, options):
+    """Keys of a main partition with a swap file of root's, whose own root is as options say."""
     machine.plug("usb", "sdb", MIB)
     machine.part("sdb1", 65536)
     machine.real_mounts()
-    machine.mount_tmpfs("sdb1", "/mnt/sdb1")
+    machine.mount_tmpfs("sdb1", "/mnt/sdb1", options)
     write("/mnt/sdb1/.claimsig", "SIG\n")
     write("/mnt/sdb1/swap.img", "")
     os.truncate("/mnt/sdb1/swap.img", MIB)
     machine.configure("main partition signature=SIG\nswap name=swap.img\n")
-    machine.stand_in("mkswap")
-    keys = stopping("newfstatat", "/mnt/sdb1/swap.img", when=3)
+    machine.stand_in("mkswap", 'readlink -f "$1" >> /run/formatted\n')
+
+
+def test_a_swap_file_is_no_users_to_swap(machine):
+    """Between the last look at the file and mkswap, which would write wherever a link leads."""
+    main_partition_of(machine, "mode=755")
+    keys = stopping("newfstatat", "/mnt/sdb1/swap.img", when=4)
     daemon = machine.start(refuse=[("swapon", 22)], wait=False, **keys)
     wait_for_the_stop(daemon)
     assert any("AT_SYMLINK_NOFOLLOW" in line for line in daemon.trace())
@@ -386,6 +391,29 @@ def test_a_swap_file_is_no_users_to_swap(machine):
     go_on(daemon)
     daemon.wait_for("Found main partition")
     assert machine.calls("mkswap") == ["/mnt/sdb1/swap.img"]
+
+
+def test_a_swap_file_in_a_users_directory_is_not_used(machine):
+    """He could swap it after the last look at it: where the daemon comes to that look, he does."""
+    main_partition_of(machine, "mode=755,uid=1000")
+    write("/root/precious", "kept")
+    keys = stopping("newfstatat", "/mnt/sdb1/swap.img", when=3)
+    daemon = machine.start(refuse=[("swapon", 22)], wait=False, **keys)
+
+    def stopped():
+        return any("stopped by SIGSTOP" in line for line in daemon.trace())
+
+    wait_until(lambda: stopped() or "Found main partition" in daemon.stderr(), what=daemon.stderr)
+    if stopped():
+        with acting_as(USERS["guest"]):
+            os.unlink("/mnt/sdb1/swap.img")
+            os.symlink("/root/precious", "/mnt/sdb1/swap.img")
+        go_on(daemon)
+    daemon.wait_for("Found main partition")
+    assert not os.path.exists("/run/formatted")
+    refusal = "Swap file can be changed by others than root, it is not used\n"
+    assert f"{refusal}Warning: cannot enable swap\n" in daemon.stderr()
+    assert machine.ask("swapon") == "ERR swap enable failed\n"
 
 
 def test_a_device_that_is_replaced_before_its_mount_is_no_less_protected(machine):

@@ -374,10 +374,11 @@ TEST_F(SwapFile, SmallFileThatCannotBeRenamedGoes)
 TEST_F(SwapFile, FileIsLookedAtTwice)
 {
     WriteSwapFile();
-    machine.Script(Call::STAT, {really, really, fails(EIO)}); // /mnt comes first
+    // /mnt comes first, then who may write to the root directory and to the file.
+    machine.Script(Call::STAT, {really, really, really, really, fails(EIO)});
     EXPECT_EQ(SwapOn(), 1);
     EXPECT_EQ(errors.Take(), "Setting up swapfile on main drive.\nSwap file exists (1MB)\n");
-    machine.Script(Call::STAT, {really, fails(EIO)});
+    machine.Script(Call::STAT, {really, really, really, fails(EIO)});
     EXPECT_EQ(SwapOn(), 1);
     EXPECT_EQ(errors.Take(), "Setting up swapfile on main drive.\n"
                              "setting up swap\n"
