@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/directory.h"
@@ -16,14 +15,6 @@ static std::string program_of(int pid)
     const size_t path_limit = 511;
     const std::string link = "/proc/" + std::to_string(pid) + "/exe";
     return read_link_at(AT_FDCWD, link.c_str(), path_limit);
-}
-
-// Anybody may run the program, or something that has its name where he is: that is no daemon.
-static bool may_be_a_daemon(int pid)
-{
-    struct stat status;
-    return stat(("/proc/" + std::to_string(pid)).c_str(), &status) == 0 &&
-           (status.st_uid == 0 || status.st_uid == geteuid());
 }
 
 int another_instance_runs()
@@ -43,7 +34,7 @@ int another_instance_runs()
     }
     while (const char *name = processes.NextName()) {
         const int pid = atoi(name);
-        if (pid >= 1 && pid != own_pid && program_of(pid) == own_program && may_be_a_daemon(pid)) {
+        if (pid >= 1 && pid != own_pid && program_of(pid) == own_program) {
             fprintf(stderr, "Another instance of myself is running. Quitting\n");
             return 1;
         }

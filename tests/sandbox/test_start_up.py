@@ -10,9 +10,8 @@ import pytest
 
 from machine.clients import ADDRESS, wait_until
 from machine.drives import link, write
-from machine.machine import REAL_PROC, USERS
+from machine.machine import REAL_PROC
 
-GUEST = USERS["guest"]
 HOTPLUG = "/sbin/hotplug"
 HOTPLUG_HOOK = "/etc/hotplug.d/block/quarryd.hotplug"
 
@@ -310,20 +309,6 @@ def test_a_made_up_twin_is_an_instance(machine):
     assert refused(machine).endswith(
         "Another instance of myself is running. Quitting\nSorry, quarryd is already running\n"
     )
-
-
-def test_a_users_process_of_that_name_is_no_instance(machine):
-    """Anybody may run the daemon's program, or have a file of that name in a namespace of his own;
-    what it can do there keeps no start of root's up."""
-    stopped = ["-e", "trace=getpid,unlink", "-e", "inject=unlink:signal=SIGSTOP:when=1"]
-    os.chmod("/run", 0o1777)
-    his = machine.start(user=GUEST, trace=stopped, wait=False)
-    wait_until(lambda: any("SIGSTOP" in line for line in his.trace()), what=his.last_words)
-    machine.made_up_process(1000001, exe="/usr/sbin/quarryd")
-    os.chown("/proc/1000001", GUEST, GUEST)
-    daemon = machine.start("--hotplug")
-    assert "Another instance" not in daemon.stderr()
-    his.kill()
 
 
 def test_own_program_unknown_is_a_warning(machine):
