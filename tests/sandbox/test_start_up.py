@@ -10,7 +10,7 @@ import pytest
 
 from machine.clients import ADDRESS, wait_until
 from machine.drives import link, write
-from machine.machine import REAL_PROC
+from machine.machine import REAL_PROC, USERS
 
 HOTPLUG = "/sbin/hotplug"
 HOTPLUG_HOOK = "/etc/hotplug.d/block/quarryd.hotplug"
@@ -309,6 +309,14 @@ def test_a_made_up_twin_is_an_instance(machine):
     assert refused(machine).endswith(
         "Another instance of myself is running. Quitting\nSorry, quarryd is already running\n"
     )
+
+
+def test_a_users_process_of_that_name_is_an_instance_too(machine):
+    """Nobody asks whose it is: who runs the daemon's program keeps root's start up, and is named by
+    what `ps` says."""
+    machine.made_up_process(1000001, exe="/usr/sbin/quarryd")
+    os.chown("/proc/1000001", USERS["guest"], USERS["guest"])
+    assert "Another instance of myself is running. Quitting\n" in refused(machine)
 
 
 def test_own_program_unknown_is_a_warning(machine):
