@@ -38,9 +38,12 @@ class Reaper(threading.Thread):
                     self.ours[pid] = os.waitstatus_to_exitcode(status)
                 else:
                     self.early[pid] = os.waitstatus_to_exitcode(status)
-                    while len(self.early) > 2000:
-                        self.early.pop(next(iter(self.early)))
                 self.cond.notify_all()
+
+    def forget(self):
+        """What ended so far was somebody else's: its number may be the next child's."""
+        with self.cond:
+            self.early.clear()
 
     def register(self, pid):
         with self.cond:
@@ -69,6 +72,7 @@ _run_count = 0
 def spawn(argv, **options):
     """Starts a program in a session of its own; the reaper does the waiting."""
     with fork_lock:
+        reaper.forget()
         process = subprocess.Popen(argv, start_new_session=True, **options)
         reaper.register(process.pid)
         process.returncode = 0

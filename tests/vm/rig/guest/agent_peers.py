@@ -50,6 +50,7 @@ def _start_peer(uid, gid):
     """(connected socket, control socket, pid of the peer)"""
     ours, theirs = socket.socketpair()
     with fork_lock:
+        reaper.forget()
         pid = os.fork()
         if pid == 0:
             try:
