@@ -702,6 +702,11 @@ int __wrap_umount(const char *directory)
     return 0;
 }
 
+int __wrap_umount2(const char *directory, int)
+{
+    return __wrap_umount(directory);
+}
+
 int __wrap_swapon(const char *path, int)
 {
     PROMISE(machine);

@@ -146,6 +146,9 @@ def _outer_process(function, answer, ready, go):
     if inner == 0:
         try:
             kernel.die_with_parent()
+            # Behind nohup(1), or behind "&" in a script, the tests ignore what is met in here.
+            for number in (signal.SIGHUP, signal.SIGINT, signal.SIGQUIT):
+                signal.signal(number, signal.SIG_DFL)
             _make_root()
             try:
                 _answer(answer, "returned", function())
