@@ -305,13 +305,18 @@ RULES = [
     Rule("ioctl", ".* CDROMEJECT", says=NO_EJECT, replies=NO_EJECT),
     Rule("ioctl", ".* CDROMCLOSETRAY", says=NO_CLOSING, replies=NO_CLOSING),
     # Probes, programs and scripts: a program that cannot be run, heard or waited for.
-    # Without its answer all that the kernel knows is tried, and a module may be waited for; and a
-    # drive is not probed a second time.
+    # Without its answer all that the kernel knows is tried, and a module may be waited for: what
+    # cannot be mounted as the type that it has can be as another one. And a drive is not probed a
+    # second time.
     Rule(
         "pipe2|clone3?|kill|read|wait4",
         r"#\d+|pipe",
         replies=BY_PROBE,
-        then={r"\d+ mount .*sdb1": BY_PROBE + "|OK .*", r"\d+ mount .*\^DATA": BY_PROBE + "|OK .*"},
+        then={
+            r"\d+ mount .*sdb1": BY_PROBE + "|OK .*",
+            r"\d+ mount .*\^DATA": BY_PROBE + "|OK .*",
+            "8 mount ro sdd1": "OK mount succeeded",
+        },
         rows=True,
         mounts=True,
         stays=["label", "filesystem"],
