@@ -44,13 +44,19 @@ bool parse_mount_line(std::string_view line, MountEntry &entry)
     return true;
 }
 
+static bool read_table_text()
+{
+    if (read_whole_file("/proc/mounts", table_text))
+        return true;
+    fprintf(stderr, "Cannot access /proc/mounts\n");
+    return false;
+}
+
 void ReadProcMounts()
 {
     mount_list.clear();
-    if (!read_whole_file("/proc/mounts", table_text)) {
-        fprintf(stderr, "Cannot access /proc/mounts\n");
+    if (!read_table_text())
         return;
-    }
     LineReader lines(table_text);
     for (std::string_view line; lines.Next(line);) {
         MountEntry entry;
@@ -62,7 +68,7 @@ void ReadProcMounts()
 bool read_mounts_at(const std::string &mountpoint, std::vector<MountEntry> &mounts)
 {
     mounts.clear();
-    if (!read_whole_file("/proc/mounts", table_text))
+    if (!read_table_text())
         return false;
     LineReader lines(table_text);
     for (std::string_view rest; lines.Next(rest);) {

@@ -41,8 +41,8 @@ extern std::list<std::string> filesystems_nodev_list; // types that need no devi
 void ReadProcMounts();
 
 // Every mount at a directory, the one on top last, by /proc/mounts as it is at this moment. Lines
-// count at any length: nobody hides a mount by a long name. mount_list stays as it is. False when
-// the table cannot be read.
+// count at any length: nobody hides a mount by a long name. mount_list stays as it is. False,
+// and told on stderr, when the table cannot be read.
 bool read_mounts_at(const std::string &mountpoint, std::vector<MountEntry> &mounts);
 
 // Whether a user other than root may have made this mount, with any name for a device: FUSE lets

@@ -162,7 +162,10 @@ LABELS = r"/dev/\w+ -> .*|Label (not )?found.*|Scanning devices to locate drive 
 EVICTION = "killing processes using .*"
 MOUNTS = f"{DRIVERS}|{EVICTION}|{SWAP}"
 WITHOUT_MAIN = {r"\d+ swap(on|off)": "ERR swap (en|dis)able failed"}
-NO_CHILD = r"volsniffer failed for /dev/\w+, return value 255|Cannot fork! .*|Label: ''"
+NO_CHILD = (
+    r"volsniffer failed for /dev/\w+, return value 255|Cannot fork! .*|Label: ''|"
+    r"[\w.-]+: failure to fork"
+)
 
 # The first that fits counts.
 RULES = [
@@ -228,16 +231,17 @@ RULES = [
         "/proc/mounts",
         says=NO_TABLE,
         replies="ERR mount succeeded but procfs doesn't show it|ERR (un)?mount failed|"
-        "OK its not mounted anyway|OK- mount succeeded",
+        "OK its not mounted anyway|OK- mount succeeded|ERR cannot remount",
         # Mounted twice, or still.
         then={
-            r"6 mount rw \^DATA": "OK already mounted read/write",
+            r"6 mount rw \^DATA|14 mount rw sdc1": "OK already mounted read/write",
             "7 mount rudeoff sdb1": "ERR unmount failed",
             "19 mount rw sdb1": "OK already mounted read/write",
         },
         rows=True,
         mounts=True,
-        lines=f"{MOUNTS}|.*still there.*",
+        # What nobody can be sure of is not remounted.
+        lines=rf"{MOUNTS}|.*still there.*|Cannot remount \w+ .*|Warning: cannot remount .*",
         slow=12,
     ),
     Rule("openat|read", "/proc/filesystems", says="Cannot read /proc/filesystems\n"),

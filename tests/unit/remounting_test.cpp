@@ -41,6 +41,7 @@ TEST_F(Remounting, ProtectionsAreThoseOfTheTable)
 // One bind remount with those flags, which keeps read-only what is; nothing without a flag.
 TEST_F(Remounting, FlagsComeBackByABindRemount)
 {
+    machine.Write("/proc/mounts", "");
     put_flags_back("/dev/sdb1", "/mnt/sdb1", MS_NOSUID | MS_NODEV, false);
     put_flags_back("/dev/sdb1", "/mnt/sdb1", MS_NOSUID | MS_NODEV, true);
     put_flags_back("/dev/sdb1", "/other\\040place", MS_NOEXEC, false);
@@ -51,14 +52,18 @@ TEST_F(Remounting, FlagsComeBackByABindRemount)
     EXPECT_EQ(errors.Take(), "");
 }
 
-// That nothing is mounted there any more is no refusal.
+// That nothing is mounted there any more is no refusal; that nobody can tell is said.
 TEST_F(Remounting, KernelsRefusalIsALine)
 {
+    machine.Write("/proc/mounts", "");
     machine.Script(Call::MOUNT, {fails(EPERM), fails(EINVAL)});
     put_flags_back("/dev/sdb1", "/mnt/sdb1", MS_NOSUID, false);
     EXPECT_EQ(errors.Take(), "Cannot protect /mnt/sdb1 again Operation not permitted\n");
     put_flags_back("/dev/sdb1", "/mnt/sdb1", MS_NOSUID, false);
     EXPECT_EQ(errors.Take(), "");
+    machine.Remove("/proc/mounts");
+    put_flags_back("/dev/sdb1", "/mnt/sdb1", MS_NOSUID, false);
+    EXPECT_EQ(errors.Take(), "Cannot access /proc/mounts\n");
 }
 
 // What lies on the device's mount becomes nosuid and nodev; root's is left there.

@@ -147,7 +147,7 @@ def difference(vm):
 
 # Seconds after which the daemon must have noticed what came or went. Mostly it takes one, but the
 # guest's processors are emulated, and shared. Without notices or polling it would take a minute.
-SOON = 10
+SOON = 20
 
 
 def wait_for_agreement(vm):
