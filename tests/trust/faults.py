@@ -161,7 +161,14 @@ SEARCH = (
 LABELS = r"/dev/\w+ -> .*|Label (not )?found.*|Scanning devices to locate drive .*"
 EVICTION = "killing processes using .*"
 MOUNTS = f"{DRIVERS}|{EVICTION}|{SWAP}"
-WITHOUT_MAIN = {r"\d+ swap(on|off)": "ERR swap (en|dis)able failed"}
+# No main partition is looked for; swap has no place then.
+WITHOUT_MAIN = {
+    "then": {r"\d+ swap(on|off)": "ERR swap (en|dis)able failed"},
+    "rows": True,
+    "stays": ["place"],
+    "mounts": True,
+    "lines": f"{SEARCH}|{MOUNTS}",
+}
 NO_CHILD = (
     r"volsniffer failed for /dev/\w+, return value 255|Cannot fork! .*|Label: ''|"
     r"[\w.-]+: failure to fork"
@@ -191,26 +198,18 @@ RULES = [
         says="Cannot get credentials for (nobody|schedule)\n",
         lines="user (nobody|schedule): .*",
     ),
-    # The defaults name no main partition, so that none is looked for; swap has no place then.
+    # The defaults name no main partition.
     Rule(
         "read",
         "/etc/quarryd.conf",
         errors="0",
-        then=WITHOUT_MAIN,
-        rows=True,
-        stays=["place"],
-        mounts=True,
-        lines=f"{SEARCH}|{MOUNTS}",
+        **WITHOUT_MAIN,
     ),
     Rule(
         "openat|read",
         "/etc/quarryd.conf",
         says="Configuration file error, check /etc/quarryd.conf. Continuing with defaults\n",
-        then=WITHOUT_MAIN,
-        rows=True,
-        stays=["place"],
-        mounts=True,
-        lines=f"{SEARCH}|{MOUNTS}",
+        **WITHOUT_MAIN,
     ),
     # The kernel's tables.
     Rule("newfstatat", "/proc/mounts", says="WaRNING: cannot stat /etc/fstab\n"),
