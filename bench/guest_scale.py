@@ -29,9 +29,8 @@ COLUMNS = ("poll, CPU ms", "list, CPU ms", "first listing, s", "resident, KiB", 
 NOTHING = float("nan")
 
 
+@udisks2.in_the_guests()
 def run(report, long):
-    os.environ["QUARRYD_STAGE"] = programs.stage()
-    os.environ["QUARRYD_GUEST_PACKAGES"] = udisks2.PACKAGES
     values = {}
     for size in SIZES if long else SHORT:
         try:
@@ -40,7 +39,6 @@ def run(report, long):
             report.failed(f"guest-scale with {size:,} drives", traceback.format_exc())
             continue
         print(f"{size} drives:", *map(told, values[size]), file=sys.stderr, flush=True)
-    del os.environ["QUARRYD_GUEST_PACKAGES"]
     sizes = sorted(values)
     rows = [(f"{size:,}", *map(told, values[size])) for size in sizes]
     for small, large in zip(sizes[1:], sizes[2:]):

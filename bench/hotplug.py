@@ -21,9 +21,8 @@ DAEMON_LINES = (r"Device {} (just )?appeared \(", r"Device {} just disappeared \
 UDISKS2_LINES = (r"Added /\S*/block_devices/{}$", r"Removed /\S*/block_devices/{}$")
 
 
+@udisks2.in_the_guests()
 def run(report, long):
-    os.environ["QUARRYD_STAGE"] = programs.stage()
-    os.environ["QUARRYD_GUEST_PACKAGES"] = udisks2.PACKAGES
     from rig import VM
 
     count = 20 if long else 5
@@ -44,7 +43,6 @@ def run(report, long):
         vm.sh(f"setsid udisksctl monitor </dev/null >{MONITOR} 2>&1 &")
         vm.wait_until(lambda: "Monitoring" in vm.text(MONITOR), 20)
         times["udisks2"] = lives(vm, MONITOR, UDISKS2_LINES, count)
-    del os.environ["QUARRYD_GUEST_PACKAGES"]
     print_times(report, times)
 
 

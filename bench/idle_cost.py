@@ -20,15 +20,13 @@ WAKEUPS = 20  # a second, from a pass every fifty milliseconds
 LISTINGS = 100
 
 
+@udisks2.in_the_guests()
 def run(report, long):
-    os.environ["QUARRYD_STAGE"] = programs.stage()
-    os.environ["QUARRYD_GUEST_PACKAGES"] = udisks2.PACKAGES
     seconds = 600 if long else 20
     results = []
     for subject in SUBJECTS:
         results.append(measure(subject, seconds))
         print(subject, results[-1], file=sys.stderr, flush=True)
-    del os.environ["QUARRYD_GUEST_PACKAGES"]
     rows = [row for windows, _listings in results for row in windows]
     report.table(f"{seconds} idle seconds of a virtual machine",
                  ("of", "CPU, ms", "CPU, ‰", "wake-ups a second", "system calls a second",

@@ -17,9 +17,8 @@ CROWDS = (1, 50)
 ENOUGH = 1_000_000
 
 
+@udisks2.in_the_guests()
 def run(report, long):
-    os.environ["QUARRYD_STAGE"] = programs.stage()
-    os.environ["QUARRYD_GUEST_PACKAGES"] = udisks2.PACKAGES
     from rig import VM, sample_machine
 
     seconds = 60 if long else 10
@@ -35,7 +34,6 @@ def run(report, long):
         udisks2.tell_udevd(vm)
         udisks2.start(vm)
         rows += rows_of(vm, "udisks2", "udisks2", guest_cost.pids(vm, *udisks2.PROCESSES), seconds)
-    del os.environ["QUARRYD_GUEST_PACKAGES"]
     report.table("The list of the drives of one guest, asked for again and again",
                  ("from", "clients", "replies", "bytes", "replies a second", "median, ms",
                   "99th percentile, ms", "CPU for one, ms", "its programs', ms"), rows)

@@ -23,9 +23,8 @@ KERNEL, OTHER_CALLS = "the kernel: mount and umount calls", "the kernel: all oth
 PLACES = {"volsniffer": "the label probe", "mount": "mount(8), for ACLs"}
 
 
+@udisks2.in_the_guests()
 def run(report, long):
-    os.environ["QUARRYD_STAGE"] = programs.stage()
-    os.environ["QUARRYD_GUEST_PACKAGES"] = udisks2.PACKAGES
     from rig import VM, Disk, images
 
     count = 200 if long else 30
@@ -38,7 +37,6 @@ def run(report, long):
             with open(os.path.join(here, "guest", "cycles.py"), encoding="utf-8") as script:
                 vm.put("/run/cycles.py", script.read(), 0o755)
             compare(report, vm, parts, count)
-    del os.environ["QUARRYD_GUEST_PACKAGES"]
 
 
 def cycles(vm, way, part, kind, count):
