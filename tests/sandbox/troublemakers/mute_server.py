@@ -9,6 +9,7 @@ Prints "ready" when it is mounted, and "mute" when it has fallen silent.
 import ctypes
 import errno
 import os
+import select
 import signal
 import stat
 import struct
@@ -61,14 +62,22 @@ def answer(opcode, node, body):
 
 def main():
     source, mountpoint = sys.argv[1:]
-    device = os.open("/dev/fuse", os.O_RDWR)
+    device = os.open("/dev/fuse", os.O_RDWR | os.O_NONBLOCK)
     options = f"fd={device},rootmode=40000,user_id=0,group_id=0,allow_other"
     libc = ctypes.CDLL(None, use_errno=True)
     if libc.mount(source.encode(), mountpoint.encode(), b"fuse", 6, options.encode()) < 0:
         sys.exit(os.strerror(ctypes.get_errno()))
+    # A signal that comes just before a call that waits would not be seen before the call returns.
+    waker, wakened = os.pipe2(os.O_NONBLOCK)[::-1]
+    signal.set_wakeup_fd(waker)
     signal.signal(signal.SIGUSR1, fall_silent)
     while True:
-        request = os.read(device, 1 << 17)
+        if wakened in select.select([device, wakened], [], [])[0]:
+            os.read(wakened, 1)
+        try:
+            request = os.read(device, 1 << 17)
+        except BlockingIOError:
+            continue
         _length, opcode, unique, node = struct.unpack_from("<IIQQ", request)
         answered = None if mute else answer(opcode, node, request[40:])
         if answered is None:
