@@ -359,6 +359,27 @@ def test_the_connection_below_a_removed_one_is_skipped_for_a_pass(machine):
     assert stepped == [taken[3], taken[2], taken[0]]
 
 
+def test_who_stands_below_clients_that_come_and_go_waits_for_all_of_them(machine):
+    """Each is taken in, answered and removed in one pass, which leaves out the one below: a client
+    whose request was there before all of theirs has his reply after them."""
+    daemon = machine.start(trace=SOCKET_CALLS)
+    nobody = socket_count(daemon)
+    early = machine.connect()
+    assert early.ask("bogus") == UNKNOWN
+    machine.pass_of_loop()  # its head start is over
+    wait_until(lambda: socket_count(daemon) == nobody + 1)
+    with Frozen(daemon):
+        early.send("bogus\n")
+        for _ in range(16):
+            visitor = machine.connect()
+            visitor.send("refresh\n")
+            visitor.socket.shutdown(socket.SHUT_WR)
+    assert early.reply() == UNKNOWN
+    machine.stop()
+    replies = [call for calls in passes(daemon) for call in calls if '"OK' in call or '"ERR' in call]
+    assert ["refreshed" in reply for reply in replies[-17:]] == [True] * 16 + [False]
+
+
 # Rights come from the socket.
 
 

@@ -123,6 +123,6 @@ def test_nobody_in_a_crowd_is_passed_over_and_nothing_is_left_of_it(machine, rel
 @pytest.mark.seconds(1000)
 def test_ten_minutes_of_a_crowd_leave_no_more_than_one(machine, release):
     # Who stands below somebody that has gone has his step in the next pass, and again in the next
-    # when somebody goes in every pass: here some are overtaken more often, and it is the bound of
-    # the wait in the queue that holds.
+    # when somebody goes in every pass (test_control_socket.py drives that to sixteen): in so long a
+    # time some are overtaken more often, and it is the bound of the wait in the queue that holds.
     loaded(machine, seconds=600)
