@@ -9,14 +9,19 @@ def hold(vm, how, folder):
     vm.put("/run/rig/holder.py", open(os.path.join(HERE, "troublemakers", "holder.py")).read())
     log = "/run/rig/holder-" + how
     pid = vm.background("exec python3 -I -S /run/rig/holder.py %s %s" % (how, folder), log)
-    vm.wait_until(lambda: "holding" in vm.text(log), 10, lambda: "the holder: " + vm.text(log))
+    vm.wait_until(lambda: "holding" in vm.text(log), 30, lambda: "the holder: " + vm.text(log))
     if how == "stopped":
-        vm.wait_until(lambda: "\nState:\tT" in vm.text("/proc/%s/status" % pid), 5)
+        vm.wait_until(lambda: "\nState:\tT" in vm.text("/proc/%s/status" % pid), 30)
     return pid
 
 
 def alive(vm, pid):
     return vm.sh("[ -e /proc/%s ]" % pid, check=False).rc == 0
+
+
+def has_ended(vm, pid):
+    """True when the process is gone: who let go of everything is on the list a moment longer."""
+    return vm.wait_until(lambda: not alive(vm, pid), 10, "the end of %s" % pid)
 
 
 def said_of(vm, pid):

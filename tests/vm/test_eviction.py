@@ -4,7 +4,7 @@ import time
 
 import pytest
 
-from holders import KILL, TERM, alive, hold, said_of
+from holders import KILL, TERM, alive, has_ended, hold, said_of
 from rig import Disk, images
 
 
@@ -56,11 +56,12 @@ def test_holders_are_driven_out(mounted, how, lines):
     began = time.monotonic()
     assert daemon.stop() == 0
     took = time.monotonic() - began
-    assert not alive(vm, pid) and alive(vm, bystander)
+    assert has_ended(vm, pid) and alive(vm, bystander)
     assert said_of(vm, pid) == [line % pid for line in lines]
     assert "/mnt" not in vm.text("/proc/mounts")
-    assert took < 10 and (took > 1 or KILL not in lines)
-    assert "wait, cannot unmount" not in daemon.err()
+    assert took < 20 and (took > 1 or KILL not in lines)
+    # Who is killed has a tenth of a second to let go, and two seconds more.
+    assert KILL in lines or "wait, cannot unmount" not in daemon.err()
 
 
 @pytest.mark.long

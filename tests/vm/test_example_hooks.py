@@ -1,6 +1,5 @@
 """The example hooks, as they are installed, each laid into the daemon's folder."""
 import os
-import time
 
 import pytest
 
@@ -146,18 +145,20 @@ def test_backup_on_arrival(clean):
           "echo kept >'/srv/two words/a'" % name)
     vm.daemon()
     lay(vm, "backup-on-arrival", label="SAVE")
-    # A tar that takes its time.
-    vm.put("/usr/local/bin/tar", "#!/bin/sh\nsleep 3\nexec /bin/tar \"$@\"\n", 0o755)
-    began = time.monotonic()
-    assert mount(vm, "changing") == MOUNTED and mount(vm, "plain") == MOUNTED
-    assert vm.request("list", timeout=10).endswith("OK  eom\n") and not messages(vm)
-    assert time.monotonic() - began < 30
-    vm.wait_until(lambda: messages(vm), 30)
+    # A tar that takes until it is told to go on.
+    vm.put("/usr/local/bin/tar", "#!/bin/sh\nuntil [ -e /run/rig/go ]; do sleep 0.1; done\n"
+                                 "exec /bin/tar \"$@\"\n", 0o755)
+    try:
+        assert mount(vm, "changing") == MOUNTED and mount(vm, "plain") == MOUNTED
+        assert vm.request("list").endswith("OK  eom\n") and not messages(vm)
+    finally:
+        vm.put("/run/rig/go", "")
+    vm.wait_until(lambda: messages(vm), 60)
     archive = vm.sh("ls /mnt/%s | grep tar" % name).out.strip()
     assert messages(vm) == ["saved /srv as /mnt/%s/%s" % (name, archive)]
     assert vm.sh("tar -xOf /mnt/%s/%s './two words/a'" % (name, archive)).out == "kept\n"
     assert vm.sh("ls /mnt/%s" % vm.node("plain")).out == "lost+found\n"
-    vm.wait_until(lambda: vm.request("umount " + name) == "OK unmount succeeded\n", 10)
+    vm.wait_until(lambda: vm.request("umount " + name) == "OK unmount succeeded\n", 30)
     vm.sh("rm -r '/srv/two words'")
 
 

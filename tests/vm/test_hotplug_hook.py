@@ -79,19 +79,28 @@ def notices(daemon, word=r"\S+"):
     return re.findall(r"^Notify %s .*" % word, daemon.err(), re.M)
 
 
+def wait_for_pass(vm):
+    """Waits until the daemon's loop has gone round: in each pass it takes in one client, before it
+    looks whether a rescan is due."""
+    for _ in range(2):
+        vm.request("help")
+
+
 def started(vm, *args):
     """The daemon, when the rescan that begins its loop is over."""
     daemon = vm.daemon(args)
-    daemon.wait_err("Device vda1 just appeared (polling)\n")
-    time.sleep(0.3)
+    wait_for_pass(vm)
     return daemon
 
 
 def wait_for_notices(vm, daemon, mark):
-    """Waits until the daemon was told of the drive and of its two partitions: a notice that came
-    later would make it look round, and find the next drive before that drive's own notice."""
+    """Waits until the daemon was told of the drive and of its two partitions, and has looked round
+    a second later: if it did so any later it might find the next drive before that drive's own
+    notice."""
     vm.wait_until(lambda: len(re.findall("^Notify ", daemon.err()[mark:], re.M)) >= 3, SOON,
                   lambda: "three notices: " + daemon.err()[mark:])
+    time.sleep(1.1)
+    wait_for_pass(vm)
 
 
 def come_and_go(vm, daemon, bus):
@@ -140,7 +149,7 @@ def test_hook_tells_of_a_drive(fresh):
     else:
         fresh.put("/run/rig/listener.py", EVENT_LISTENER)
         fresh.background("exec python3 /run/rig/listener.py", "/run/rig/listener.out")
-        fresh.wait_until(lambda: "ready" in fresh.text("/run/rig/listener.out"), 10)
+        fresh.wait_until(lambda: "ready" in fresh.text("/run/rig/listener.out"), 30)
     daemon = started(fresh)
     assert daemon.out().startswith("/sbin/hotplug present and executable\n"
                                    "/etc/hotplug.d/block/quarryd.hotplug is present and executable"
@@ -178,13 +187,13 @@ def test_drives_all_at_once(fresh, mode):
     for bus in ("sata", "sd"):
         insert(fresh, bus)
     parts = [fresh.parts(bus, 2) for bus in BUSES]
-    names = [fresh.node(bus, 10) for bus in BUSES] + sum(parts, [])
+    names = [fresh.node(bus, 30) for bus in BUSES] + sum(parts, [])
     wait_for_agreement(fresh)
     told = device_lines(daemon.err()[mark:])
     assert len(told) == 15 and sorted(line.split()[1] for line in told) == sorted(names)
     writers = [write_on(fresh, first) for first, second in parts]
     for first, second in parts:
-        fresh.wait_until(lambda: fresh.sh("[ -s /mnt/%s/file ]" % first, check=False).rc == 0, 10)
+        fresh.wait_until(lambda: fresh.sh("[ -s /mnt/%s/file ]" % first, check=False).rc == 0, 30)
     mark = len(daemon.err())
     pulls = [threading.Thread(target=pull, args=(fresh, bus)) for bus in BUSES]
     for thread in pulls:
@@ -198,9 +207,9 @@ def test_drives_all_at_once(fresh, mode):
         "Device %s just disappeared (polling)" % name for name in names)
     for first, second in parts:
         assert "killing processes using %s on /mnt/%s\n" % (first, first) in said
-    fresh.wait_until(lambda: "/mnt/" not in fresh.text("/proc/mounts"), 5)
+    fresh.wait_until(lambda: "/mnt/" not in fresh.text("/proc/mounts"), SOON)
     for pid in writers:                       # what is left of one that ended goes a moment later
-        fresh.wait_until(lambda: fresh.sh("[ -e /proc/%s ]" % pid, check=False).rc == 1, 5)
+        fresh.wait_until(lambda: fresh.sh("[ -e /proc/%s ]" % pid, check=False).rc == 1, SOON)
     fresh.wait_until(lambda: fresh.sh("ls -A /mnt").out == "", 8, "an empty /mnt")
     assert bool(notices(daemon)) == (mode == "hotplug")
     assert daemon.alive() and "BUG" not in daemon.err()

@@ -53,6 +53,14 @@ def alive(vm, pid):
     return vm.sh("[ -e /proc/%s ]" % pid, check=False).rc == 0
 
 
+@pytest.fixture(autouse=True)
+def everything_is_plugged_in(vm):
+    """A test that failed leaves out the drive that it has pulled, which the next one wants."""
+    yield
+    if not vm.slots["usb"].plugged:
+        vm.plug("usb")
+
+
 def search_once(vm):
     """Returns when the daemon has examined every drive at least once."""
     assert vm.request("list").endswith("OK  eom\n")       # served behind a pass of the search
@@ -161,10 +169,10 @@ def test_pulled_out_in_use(fresh, nfsx):
     holder = hold(vm, name)
     time.sleep(0.5)
     vm.unplug("usb")
-    daemon.wait_err("Device %s just disappeared (polling)\n" % name, 15)
-    assert vm.request("list", timeout=20).endswith("OK  eom\n")
+    daemon.wait_err("Device %s just disappeared (polling)\n" % name)
+    assert vm.request("list").endswith("OK  eom\n")
     if not nfsx:
-        vm.wait_until(lambda: main.nothing_left(vm), 10,
+        vm.wait_until(lambda: main.nothing_left(vm), 30,
                       lambda: daemon.err() + vm.sh("ls -lA /mnt; cat /proc/swaps /proc/mounts").out)
     assert alive(vm, holder) == nfsx
     vm.plug("usb")
@@ -270,7 +278,7 @@ class Writer:
     def wait_for(self, more):
         """Waits until so many more blocks are acknowledged."""
         goal = self.acknowledged() + more
-        self.vm.wait_until(lambda: self.acknowledged() >= goal, 30, "the writer")
+        self.vm.wait_until(lambda: self.acknowledged() >= goal, 90, "the writer")
 
     def kept(self, name):
         """How many blocks are on the partition, which has a new name perhaps."""
@@ -326,7 +334,7 @@ def test_no_data_lost_when_the_daemon_is_killed(fresh):
     assert (first.swaps, first.quotas) == (["/mnt/%s/swap.img" % name], 2)
     writer = Writer(vm, name)
     daemon.signal(signal.SIGKILL)
-    daemon.wait(5)
+    daemon.wait()
     writer.wait_for(20)
     daemon = vm.daemon(conf=main.conf("nvme"))
     assert main.wait_for_start(vm, 2) == first
@@ -334,7 +342,7 @@ def test_no_data_lost_when_the_daemon_is_killed(fresh):
     assert "attempting to mount /dev/%s\n" % name not in daemon.err()
     writer.wait_for(20)
     old, new = vm.wait_until(lambda: (lambda pids: pids if len(pids) == 2 else None)(
-        vm.text("/run/rig/pids").split()), 10)
+        vm.text("/run/rig/pids").split()), 30)
     assert alive(vm, writer.pid) and alive(vm, old) and alive(vm, new)
     assert daemon.stop() == 0
     assert not any(alive(vm, pid) for pid in (writer.pid, old, new))

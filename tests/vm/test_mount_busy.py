@@ -4,7 +4,7 @@ import time
 
 import pytest
 
-from holders import KILL, TERM, alive, hold, said_of
+from holders import KILL, TERM, alive, has_ended, hold, said_of
 from mounts import entries_of_mnt, mount_flags, mounted_as, reply_to
 from rig import Disk, images
 
@@ -40,7 +40,7 @@ def test_polite_requests_change_nothing(mounted):
     before = mount_flags(vm, name), mounted_as(vm, name), entries_of_mnt(vm)
     began = time.monotonic()
     reply, lines = reply_to(vm, daemon, "umount " + name)
-    assert reply == "ERR unmount failed\n" and 2 <= time.monotonic() - began < 10
+    assert reply == "ERR unmount failed\n" and 2 <= time.monotonic() - began < 20
     assert lines == ["wait: umount failed. Device or resource busy",
                      "yup, cannot unmount Device or resource busy"]
     reply, lines = reply_to(vm, daemon, "mount ro " + name)
@@ -62,13 +62,15 @@ def test_rude_unmount_drives_everybody_out(mounted):
     program = run_from(vm, folder)
     began = time.monotonic()
     reply, lines = reply_to(vm, daemon, "mount rudeoff " + name)
-    assert reply == "OK unmount succeeded\n" and lines == []
-    assert 1 < time.monotonic() - began < 10
+    # Who is killed has a tenth of a second to let go, and two seconds more.
+    assert reply == "OK unmount succeeded\n"
+    assert lines in ([], ["wait: umount failed. Device or resource busy"])
+    assert 1 < time.monotonic() - began < 20
     for how, pid in pids.items():
         said = [TERM, KILL] if how in ("stubborn", "stopped") else [TERM]
         assert said_of(vm, pid) == [text % pid for text in said]
-        assert not alive(vm, pid)
-    assert not alive(vm, program) and alive(vm, bystander)
+        assert has_ended(vm, pid)
+    assert has_ended(vm, program) and alive(vm, bystander)
     assert mounted_as(vm, name) is None and entries_of_mnt(vm) == {"elsewhere": ""}
 
 
@@ -81,6 +83,7 @@ def test_rude_remount_drives_writers_out(mounted):
     pids["program"] = run_from(vm, folder)
     reply, lines = reply_to(vm, daemon, "mount rudero " + name)
     assert reply == "OK remounted as r/o\n" and lines == []
+    assert has_ended(vm, pids["writer"]) and has_ended(vm, pids["file"])
     assert {how for how, pid in pids.items() if alive(vm, pid)} == {
         "cwd", "reader", "mapped", "program"}
     for how, pid in pids.items():
@@ -115,10 +118,10 @@ def test_process_that_cannot_be_killed(fresh):
     vm.sh("head -c 1M /dev/zero >/mnt/%s/file; sync; dmsetup suspend --noflush --nolockfs slow"
           % name)
     pid = vm.background("exec dd if=/mnt/%s/file of=/dev/null bs=4k iflag=direct" % name)
-    vm.wait_until(lambda: "\nState:\tD" in vm.text("/proc/%s/status" % pid), 5)
+    vm.wait_until(lambda: "\nState:\tD" in vm.text("/proc/%s/status" % pid), 30)
     began = time.monotonic()
     reply, lines = reply_to(vm, daemon, "mount rudeoff " + name)
-    assert reply == "ERR unmount failed\n" and 3 <= time.monotonic() - began < 10
+    assert reply == "ERR unmount failed\n" and 3 <= time.monotonic() - began < 20
     assert lines[-2:] == ["wait: umount failed. Device or resource busy",
                           "yup, cannot unmount Device or resource busy"]
     assert said_of(vm, pid) == [
@@ -128,7 +131,7 @@ def test_process_that_cannot_be_killed(fresh):
     assert entries_of_mnt(vm) == {name: "", "^SLOW": name}
     assert vm.request("list", timeout=10).endswith("OK  eom\n")
     vm.sh("dmsetup resume slow")
-    vm.wait_until(lambda: not alive(vm, pid), 5)
+    vm.wait_until(lambda: not alive(vm, pid), 30)
     assert vm.request("umount " + name) == "OK unmount succeeded\n"
 
 

@@ -28,7 +28,8 @@ FILESYSTEM_MODULES = "xfs btrfs vfat hfs hfsplus udf isofs reiserfs fuse".split(
 @pytest.fixture
 def bare(fresh):
     """The machine with no driver loaded but the one of its own root."""
-    fresh.sh("modprobe -r " + " ".join(FILESYSTEM_MODULES))
+    fresh.wait_until(lambda: fresh.sh("modprobe -r " + " ".join(FILESYSTEM_MODULES),
+                                      check=False).rc == 0, 10, "nobody using the drivers")
     assert not loaded_modules(fresh) & set(FILESYSTEM_MODULES)
     return fresh
 
@@ -219,7 +220,7 @@ def test_exfat_by_its_program(bare):
         assert vm.request("mount %s %s" % (mode, name)) == "OK remounted as %s\n" % reply
         check_mounted(vm, name, "fuseblk", mode)
     check_unmounts(vm, name)
-    vm.wait_until(lambda: vm.sh("pgrep -x mount.exfat-fus", check=False).rc == 1, 10)
+    vm.wait_until(lambda: vm.sh("pgrep -x mount.exfat-fus", check=False).rc == 1, 30)
 
 
 def test_ntfs_by_its_program(bare):
@@ -242,7 +243,7 @@ def test_ntfs_by_its_program(bare):
     assert vm.request("mount rw " + name) == MOUNTED
     assert vm.text("/mnt/%s/kept" % name) == "content"
     check_unmounts(vm, name)
-    vm.wait_until(lambda: vm.sh("pgrep -x ntfs-3g", check=False).rc == 1, 10)
+    vm.wait_until(lambda: vm.sh("pgrep -x ntfs-3g", check=False).rc == 1, 30)
 
 
 @pytest.mark.long

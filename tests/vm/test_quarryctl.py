@@ -46,4 +46,4 @@ def test_mount_by_label_and_unmount_by_force(machine):
     assert (polite.rc, polite.out, polite.err) == (1, "", "quarryctl: unmount failed\n")
     assert vm.sh("quarryctl umount --force " + name).out == "unmount succeeded\n"
     assert mounted_as(vm, name) is None
-    vm.wait_until(lambda: not alive(vm, pid), 5)
+    vm.wait_until(lambda: not alive(vm, pid), 30)

@@ -169,12 +169,12 @@ def test_what_was_swapped_out_comes_back(fresh):
     with open(os.path.join(HERE, "troublemakers", "swapped_out.py")) as f:
         vm.put("/run/rig/swapped_out.py", f.read())
     pid = vm.background("exec python3 /run/rig/swapped_out.py 4", "/run/rig/swapped")
-    vm.wait_until(lambda: vm.text("/run/rig/swapped") == "swapped\n", 30,
+    vm.wait_until(lambda: vm.text("/run/rig/swapped") == "swapped\n", 60,
                   lambda: vm.text("/run/rig/swapped"))
     assert daemon.stop() == 0 and main.nothing_left(vm)
     assert "VmSwap:\t       0 kB" in vm.text("/proc/%s/status" % pid)
     vm.sh("kill -USR1 " + pid)
-    assert vm.wait_until(lambda: vm.text("/run/rig/swapped").splitlines()[1:], 10) == ["right"]
+    assert vm.wait_until(lambda: vm.text("/run/rig/swapped").splitlines()[1:], 30) == ["right"]
 
 
 @pytest.mark.long

@@ -32,7 +32,7 @@ def hold(vm, name):
     """A process that holds a drive; returns its pid."""
     vm.put("/run/rig/hold.py", HOLD)
     pid = vm.background("exec python3 /run/rig/hold.py /dev/" + name, "/run/rig/held")
-    vm.wait_until(lambda: vm.text("/run/rig/held") == "held\n", 10)
+    vm.wait_until(lambda: vm.text("/run/rig/held") == "held\n", 30)
     return pid
 
 
@@ -161,7 +161,7 @@ def test_disc_changed(fresh, mode):
     second = images.fs("%s/%s-2" % (_folder, mode), "32M", "udf", "SECOND_DISC")
     fresh.insert("dvd", first)
     fresh.daemon(["--" + mode])
-    fresh.wait_until(lambda: row(fresh, name)[4::5] == ["FIRST_DISC", "iso9660"], 10,
+    fresh.wait_until(lambda: row(fresh, name)[4::5] == ["FIRST_DISC", "iso9660"], 30,
                      lambda: row(fresh, name))
     for image, found in ((second, ["SECOND_DISC", "udf"]), (first, ["FIRST_DISC", "iso9660"])):
         assert fresh.request("eject " + name) == DONE["eject"]

@@ -162,7 +162,7 @@ class Daemon:
         """The strace log's lines so far."""
         return self.vm.text(self.trace_path).splitlines()
 
-    def wait_err(self, text, timeout=10, since=0):
+    def wait_err(self, text, timeout=30, since=0):
         """Waits until its standard error holds the text behind the first `since` characters;
         returns all of it."""
         return self.vm.wait_until(
@@ -205,4 +205,4 @@ class Daemon:
                 self.wait(10)
             except TimeoutError:
                 self.signal(signal.SIGKILL)
-                self.wait(10)
+                self.wait(30)

@@ -29,7 +29,7 @@ class FileSystems:
         self.sh("sfdisk -q --wipe always --wipe-partitions always /dev/%s </run/rig/sfdisk" % name)
         return self.parts(id, len(parts))
 
-    def parts(self, id, count=0, timeout=10):
+    def parts(self, id, count=0, timeout=30):
         """The names of a disk's partitions, by number; waits until there are count of them."""
         name = self.node(id)
 

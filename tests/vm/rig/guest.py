@@ -91,6 +91,7 @@ class Guest:
 
     def syslog(self):
         """The datagrams sent to /dev/log, as lines ("<30>Jan  1 00:00:00 quarryd[12]: text")."""
+        self.call("syslog_catch_up")
         return self.text("/run/rig/syslog").splitlines()
 
     def reset(self, keep_volumes=False):

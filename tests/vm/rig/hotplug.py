@@ -136,7 +136,7 @@ class HotPlug:
         """Starts Debian's udevd with all its rules, of which some are the installed daemon's.
         Ends with reset()."""
         self.sh("rm -rf /run/udev; /lib/systemd/systemd-udevd >/run/rig/udevd.log 2>&1 &")
-        self.wait_until(lambda: self.sh("[ -e /run/udev/control ]", check=False).rc == 0, 10,
+        self.wait_until(lambda: self.sh("[ -e /run/udev/control ]", check=False).rc == 0, 30,
                         "udevd")
 
     # ------------------------------------------------------------- trays and media
@@ -168,7 +168,7 @@ class HotPlug:
         if slot.disk.bus == "sd":
             slot.path, slot.size = path, size
             self._sd_insert(slot)
-            self.node(id, 15)
+            self.node(id, 30)
             return
         row = self._block(id)
         if "inserted" in row or not row.get("tray_open"):
@@ -183,10 +183,10 @@ class HotPlug:
         slot = self.slots[id]
         if slot.disk.bus == "sd":
             self._sd_remove(slot)
-            self.wait_until(lambda: self._find(slot) is None, 15, "the guest losing %s" % id)
+            self.wait_until(lambda: self._find(slot) is None, 30, "the guest losing %s" % id)
             return
         self.qmp("blockdev-open-tray", id=id, force=True)
-        self.wait_until(lambda: self._block(id).get("tray_open", False), 10, "the tray opening")
+        self.wait_until(lambda: self._block(id).get("tray_open", False), 30, "the tray opening")
         if "inserted" in self._block(id):
             self.qmp("blockdev-remove-medium", id=id)
         if slot.node:

@@ -23,6 +23,7 @@ from agent_children import read_all  # noqa: E402
 
 PORT = "/dev/vport0p1"
 SYSLOG = "/run/rig/syslog"
+MARK = b"so far"                  # is not kept
 MNT_DETACH = 2
 libc = ctypes.CDLL(None)
 
@@ -36,12 +37,32 @@ class Syslog(threading.Thread):
         self.sock.bind("/dev/log")
         os.chmod("/dev/log", 0o666)
         open(SYSLOG, "ab").close()
+        self.marked, self.one = threading.Event(), threading.Lock()
+
+    def catch_up(self):
+        """Waits until all that was sent before is in the file."""
+        with self.one, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
+            self.marked.clear()
+            s.sendto(MARK, "/dev/log")
+            self.marked.wait(30)
 
     def run(self):
         while True:
             data = self.sock.recv(65536)
+            if data == MARK:
+                self.marked.set()
+                continue
             with open(SYSLOG, "ab") as f:
                 f.write(data.rstrip(b"\n\0").replace(b"\n", b"\\n") + b"\n")
+
+
+_syslog = None        # where systemd is process 1
+
+
+def op_syslog_catch_up(q):
+    if _syslog:
+        _syslog.catch_up()
+    return {}
 
 
 _before = {}          # path of a file that op_put made -> what was there before, or None
@@ -97,6 +118,7 @@ def op_reset(q):
     _before.clear()
     for path in ["/var/quarryd"] + ["/mnt/" + name for name in os.listdir("/mnt")]:
         remove(path)
+    op_syslog_catch_up({})
     open(SYSLOG, "wb").close()
     names = os.listdir("/sys/block") if q.get("volumes") else []
     if any(name.startswith("dm-") for name in names):
@@ -213,12 +235,14 @@ def serve(fd):
 
 
 def main():
+    global _syslog
     os.makedirs("/run/rig", exist_ok=True)
     signal.signal(signal.SIGPIPE, signal.SIG_IGN)
     agent_children.reaper.start()
     if os.getpid() == 1:
-        Syslog().start()
-    end = time.monotonic() + 30
+        _syslog = Syslog()
+        _syslog.start()
+    end = time.monotonic() + 100
     for path in ("/run/rig/modules-loaded", PORT):
         while not os.path.exists(path):
             if time.monotonic() > end:

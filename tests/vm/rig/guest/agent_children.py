@@ -108,15 +108,21 @@ def op_sh(q):
 
 
 def end_sessions():
-    """Kills what earlier shell commands left running."""
+    """Kills what earlier shell commands left running, and waits until it has let go of what it
+    held; not for ever, for somebody may wait for a drive that gives no answer."""
+    killed = []
     for name in os.listdir("/proc"):
         if name.isdigit() and int(name) > 1:
             try:
                 if os.getsid(int(name)) in _sessions:
                     os.kill(int(name), signal.SIGKILL)
+                    killed.append("/proc/" + name)
             except OSError:
                 pass
     _sessions.clear()
+    end = time.monotonic() + 5
+    while any(map(os.path.exists, killed)) and time.monotonic() < end:
+        time.sleep(0.01)
 
 
 def op_start(q):
