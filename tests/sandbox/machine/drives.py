@@ -61,6 +61,8 @@ class Drives:
             self._scsi(kind, name, size, **keys)
         else:
             getattr(self, f"_{kind}")(name, size, **keys)
+        # Last, so that no poll meets a drive that lacks something.
+        link(f"/sys/block/{name}", _relative(self.folders[name], "/sys/block"))
         self.write_proc_partitions()
 
     def _scsi(self, kind, name, size, model="", driver=None, style=None, node=True):
@@ -133,7 +135,6 @@ class Drives:
 
     def _drive(self, name, folder, size, node):
         write(f"{folder}/size", f"{size // 512}\n")
-        link(f"/sys/block/{name}", _relative(folder, "/sys/block"))
         self.folders[name] = folder
         self.partitions[name] = []
         self.sizes[name] = size
@@ -144,11 +145,13 @@ class Drives:
         """A partition; its drive is the longest known name that it begins with."""
         if drive is None:
             drive = max((d for d in self.folders if name.startswith(d)), key=len)
-        write(f"{self.folders[drive]}/{name}/size", f"{size // 512}\n")
         self.partitions[drive].append(name)
         self.sizes[name] = size
         if node:
             self.node(name, size)
+        # In one step, and last, so that no poll meets a partition that lacks something.
+        write(f"{self.folders[drive]}/.{name}/size", f"{size // 512}\n")
+        os.rename(f"{self.folders[drive]}/.{name}", f"{self.folders[drive]}/{name}")
         self.write_proc_partitions()
 
     def unplug(self, name):
