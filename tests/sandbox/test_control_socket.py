@@ -287,8 +287,9 @@ SOCKET_CALLS = ("-e", "trace=accept,accept4,recvfrom,sendto")
 def test_a_new_client_has_a_head_start_of_a_hundred_steps(machine):
     """Four steps serve one request: twenty-five requests that wait are served at once."""
     daemon = machine.start(trace=SOCKET_CALLS)
+    nobody = socket_count(daemon)
     machine.pass_of_loop()
-    sleep(0.2)
+    wait_until(lambda: socket_count(daemon) == nobody)
     with Frozen(daemon):
         client = machine.connect()
         client.send(("bogus".ljust(1023) + "\n") * 30)
@@ -336,9 +337,11 @@ def test_the_connection_below_a_removed_one_is_skipped_for_a_pass(machine):
     for _ in range(4):
         clients.append(machine.connect())
         clients[-1].ask("bogus")
+    count = socket_count(daemon)
     sleep(0.2)
     clients[2].close()
-    sleep(0.3)
+    wait_until(lambda: socket_count(daemon) == count - 1)
+    sleep(0.1)
     machine.stop()
     taken = []
     for calls in passes(daemon):
@@ -583,7 +586,7 @@ def test_fifty_clients_vanish_at_once(machine):
     with Frozen(daemon):
         for client in clients:
             client.close()
-    wait_until(lambda: socket_count(daemon) == base, timeout=15)
+    wait_until(lambda: socket_count(daemon) == base)
     assert machine.ask("list") == EMPTY_LIST
 
 

@@ -65,10 +65,10 @@ def test_housekeeping_goes_round_it(machine, when, source, point):
     if when == "before the start":
         machine.start()
     start = time.monotonic()
-    wait_until(lambda: not os.path.lexists("/mnt/^GONE"), timeout=8)
+    wait_until(lambda: not os.path.lexists("/mnt/^GONE"))
     machine.settle()
     machine.pass_of_loop()
-    assert time.monotonic() - start < 10
+    assert time.monotonic() - start < 30
     assert sorted(os.listdir("/mnt")) == sorted(
         [name, "^DATA", "^ABSOLUTE", "^INSIDE", "^CHAIN", "^THROUGH"]
     )
@@ -98,8 +98,8 @@ def test_eviction_elsewhere_does_not_touch_open_files_on_it(machine):
     daemon = machine.start()
     machine.settle()
     machine.unplug("sdc")
-    daemon.wait_for("Device sdc just disappeared", timeout=5)
-    assert other.wait(5) == -signal.SIGTERM
+    daemon.wait_for("Device sdc just disappeared")
+    assert other.wait(20) == -signal.SIGTERM
     wait_until(lambda: not os.path.exists("/mnt/sdc"))
     assert holder.poll() is None
 
@@ -118,12 +118,12 @@ def test_the_dead_mount_itself_is_cleared_and_unmounted(machine, way):
     start = time.monotonic()
     if way == "vanishes":
         machine.unplug("sdb")
-        daemon.wait_for("Device sdb just disappeared", timeout=10)
+        daemon.wait_for("Device sdb just disappeared")
         machine.pass_of_loop()
     else:
         machine.stop()
-    assert time.monotonic() - start < 8
-    assert [process.wait(5) for process in processes] == [-signal.SIGTERM] * 2
+    assert time.monotonic() - start < 20
+    assert [process.wait(20) for process in processes] == [-signal.SIGTERM] * 2
     with open("/.proc/self/mounts") as file:
         assert "/mnt/sdb1" not in file.read()
     assert "cannot unmount" not in daemon.stderr()
@@ -139,7 +139,7 @@ def test_writers_are_told_from_readers_without_waiting(machine):
     assert room.ask(f"uses {holder.pid} /mnt/sdc1 writers") == "no"
     assert room.ask("in-use /dev/sdb") == "no"
     room.ask("evict sdb1 /mnt/sdb1 writers")
-    assert holder.wait(5) == -signal.SIGTERM
+    assert holder.wait(20) == -signal.SIGTERM
 
 
 def test_a_label_link_into_it_is_removed_by_its_text(machine):

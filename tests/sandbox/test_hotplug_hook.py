@@ -14,6 +14,7 @@ from machine import kernel
 from machine.clients import wait_until
 from machine.machine import SANITIZER, sleep
 from machine.namespaces import HOTPLUG_HOOK, HOTPLUG_NOTICE
+from machine.sleeper import sleeper
 from machine.stand_in_server import StandIn, everything, full_queue
 
 LIMIT = 2.0  # seconds that an event may be held up, whatever the daemon does
@@ -66,6 +67,7 @@ class Run:
                 prepare()
 
         keys = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **streams}
+        self.sleeper = sleeper()
         self.begin = time.monotonic()
         self.process = subprocess.Popen(
             WAYS[way],
@@ -80,12 +82,15 @@ class Run:
     def ended(self):
         """(status, stderr); what a script goes on to say comes after all that was said here."""
         try:
-            out, err = self.process.communicate(timeout=LIMIT)
+            out, err = self.process.communicate(timeout=20)
         except subprocess.TimeoutExpired:
             self.process.kill()
             raise AssertionError("the event was held up") from None
-        self.seconds = time.monotonic() - self.begin
-        assert self.seconds < LIMIT
+        end = time.monotonic()
+        self.seconds = end - self.begin
+        # It did not hold up the event while the whole machine stood still.
+        self.awake = self.sleeper.awake(self.begin, end) if self.seconds > 0.5 else self.seconds
+        assert self.awake < LIMIT
         assert not SANITIZER.search(err or b""), err.decode()
         expected = b"after\n" if "sourced" in self.way else b""
         assert out in (expected, None)
@@ -122,7 +127,7 @@ def test_daemon_hears_of_a_drive_and_its_partition(machine, way):
     assert notice(event("remove", f"{STICK}/sdb1"), way=way) == (0, "")
     assert notice(event("remove"), way=way) == (0, "")
     assert notices(daemon)[2:] == ["Notify remove sdb1 parent sdb", "Notify remove sdb parent sdb"]
-    wait_until(lambda: "Device sdb just disappeared (polling)\n" in daemon.stderr(), 2.5)
+    wait_until(lambda: "Device sdb just disappeared (polling)\n" in daemon.stderr())
     assert "\tsdb" not in machine.ask("list")
 
 
@@ -132,7 +137,7 @@ def test_nobody_listens(machine, way):
     for action in ("add", "remove", "change"):
         run = Run(event(action), way=way)
         assert run.ended() == (0, "")
-        assert run.seconds < 1
+        assert run.awake < 1
 
 
 @pytest.mark.parametrize("way", WAYS)
@@ -374,7 +379,7 @@ def test_drive_that_is_mounted_at_once_stays(machine, kind, path):
     machine.mount_tmpfs(name, "/mnt/vault")
     worker = machine.program("/bin/sleep", "100", cwd="/mnt/vault")
     assert notice(event(path=path)) == (0, "")
-    wait_until(lambda: f"Device {name} just appeared (polling)\n" in daemon.stderr(), 2.5)
+    wait_until(lambda: f"Device {name} just appeared (polling)\n" in daemon.stderr())
     machine.settle()
     assert worker.poll() is None and os.path.ismount("/mnt/vault")
     assert re.findall("^Device .*", daemon.stderr(), re.M) == [
@@ -517,7 +522,7 @@ def test_server_that_hangs_up(machine, words, ending):
     status, said = run.ended()
     assert status == 1
     assert re.fullmatch("hotplug-notice: the daemon does not answer\n", said)
-    assert run.seconds < 1
+    assert run.awake < 1
 
 
 def test_half_a_line(machine):
@@ -619,7 +624,7 @@ def test_signals_end_it(machine, number):
     _connection, _ = server.request()
     run.process.send_signal(number)
     status, _words = run.ended()
-    assert status == -number and run.seconds < 1
+    assert status == -number and run.awake < 1
 
 
 def test_stopped_for_a_while(machine):

@@ -17,6 +17,7 @@ from machine import disk_formats, kernel
 from machine.clients import Client, wait_until
 from machine.drives import write
 from machine.machine import sleep
+from machine.sleeper import sleeper
 
 MIB = 1 << 20
 THANKS = "OK thank you\n"
@@ -96,7 +97,7 @@ def test_a_drive_comes_alone_and_the_next_look_finds_its_partitions(machine):
         "Notify add sdb parent sdb",
         "Device sdb appeared (hotplug)",
     ]
-    daemon.wait_for("Device sdb2 just appeared (polling)\n", timeout=3)
+    daemon.wait_for("Device sdb2 just appeared (polling)\n")
     assert known(machine) == {"sdb": ["sdb1", "sdb2"]}
 
 
@@ -115,13 +116,16 @@ def test_a_known_drive_brings_no_look_at_all_drives(machine):
     """Nothing is new, so nothing is looked for; a removal is looked for within two seconds."""
     stick(machine)
     daemon = hotplug(machine)
+    sleeper()
     stick(machine, "sdc")
     notify(machine, "add", "/block/sdb")
     notify(machine, "add", "/block/sdb/sdb1")
     sleep(2.5)
     assert "sdc" not in daemon.stderr()
+    begun = time.monotonic()
     notify(machine, "remove", "/block/sdb")
-    daemon.wait_for("Device sdc just appeared (polling)\n", timeout=2.5)
+    daemon.wait_for("Device sdc just appeared (polling)\n")
+    assert time.monotonic() < begun + 2.5 or sleeper().awake(begun) < 2.5
 
 
 def test_a_known_partition_is_attached_and_asked_again(machine):
@@ -151,7 +155,7 @@ def test_any_other_action_only_brings_the_next_look_forward(machine, action):
     assert "(polling)" not in daemon.stderr().split("Notify", 1)[1]
     machine.unplug("sdb")
     notify(machine, action, "/block/sdb/sdb1")
-    daemon.wait_for("Device sdb just disappeared (polling)\n", timeout=2.5)
+    daemon.wait_for("Device sdb just disappeared (polling)\n")
     assert known(machine) == {}
 
 
@@ -224,7 +228,7 @@ def test_names_of_devices_that_are_already_gone(machine, name, lines):
     for line in lines:
         device = re.match(r"Device (.+?) appeared", line)
         if device:
-            daemon.wait_for(f"Device {device[1]} just disappeared (polling)\n", timeout=3)
+            daemon.wait_for(f"Device {device[1]} just disappeared (polling)\n")
     assert known(machine) == {}
     assert daemon.stderr().count("just disappeared") == sum("appeared" in line for line in lines)
 
@@ -236,7 +240,7 @@ def test_a_drive_that_looks_like_a_partition_is_put_right_by_the_next_look(machi
     machine.part("nvme0n1p1", 65536)
     notify(machine, "add", "/block/nvme0n1")
     notify(machine, "add", "/block/nvme0n1/nvme0n1p1")
-    wait_until(lambda: known(machine) == {"nvme0n1": ["nvme0n1p1"]}, timeout=3)
+    wait_until(lambda: known(machine) == {"nvme0n1": ["nvme0n1p1"]})
 
 
 @pytest.mark.parametrize(
@@ -277,7 +281,7 @@ def test_a_notice_about_a_raid_member_does_not_unmark_it(machine):
     daemon = hotplug(machine)
     assert "Inactive RAID" in machine.ask("list")
     notify(machine, "add", "/block/nvme0n1")
-    daemon.wait_for("Device nvme0n1 just disappeared (polling)\n", timeout=3)
+    daemon.wait_for("Device nvme0n1 just disappeared (polling)\n")
     assert known(machine) == {"nvme0n1": []}
     assert "Inactive RAID" in machine.ask("list")
 
@@ -303,7 +307,7 @@ def test_events_in_the_wrong_order_and_twice(machine):
         ("add", "/block/sdb"),
     ):
         notify(machine, action, path)
-    wait_until(lambda: agrees(machine), timeout=3)
+    wait_until(lambda: agrees(machine))
     assert known(machine) == {"sdb": ["sdb1", "sdb2"]}
 
 
@@ -322,6 +326,7 @@ class Bystander(threading.Thread):
     def __init__(self):
         super().__init__(daemon=True)
         self.client = Client()
+        self.sleeper = sleeper()
         self.times = []
         self.enough = False
 
@@ -329,13 +334,18 @@ class Bystander(threading.Thread):
         while not self.enough:
             start = time.monotonic()
             assert self.client.ask("swapoff") == "OK swap disabled\n"
-            self.times.append(time.monotonic() - start)
+            self.times.append((start, time.monotonic()))
 
     def finish(self):
         self.enough = True
-        self.join(10)
+        self.join(30)
         assert not self.is_alive()
         self.client.close()
+
+    def longest(self):
+        """Seconds, less those in which the machine stood still."""
+        slow = [(begin, end) for begin, end in self.times if end - begin > 0.5]
+        return max([self.sleeper.awake(begin, end) for begin, end in slow], default=0.5)
 
 
 def deaf_client(machine):
@@ -346,9 +356,9 @@ def deaf_client(machine):
     waiting = 0
     while True:
         client.send("help\n")
-        deadline = time.monotonic() + 2
+        begin = time.monotonic()
         while (now_waiting := unread(client)) == waiting:
-            if time.monotonic() > deadline:
+            if time.monotonic() > begin + 2 and sleeper().awake(begin) > 2:
                 return client
             time.sleep(0.001)
         waiting = now_waiting
@@ -386,8 +396,8 @@ def test_ten_thousand_events_from_one_client_that_does_not_wait(machine):
     assert all(line == THANKS or line.startswith("ERR ") for line in lines), set(lines)
     assert lines.count(THANKS) > 100  # a line whose beginning is lost is none
     assert len(bystander.times) > 100
-    assert max(bystander.times) < 2
-    wait_until(lambda: agrees(machine), timeout=4)
+    assert bystander.longest() < 2
+    wait_until(lambda: agrees(machine))
 
 
 @pytest.mark.seconds(180)
@@ -413,9 +423,9 @@ def test_ten_thousand_events_on_a_connection_each(machine):
     bystander.finish()
     assert daemon.stderr().count("Notify ") == 10_001
     assert len(bystander.times) > 100
-    assert max(bystander.times) < 2
+    assert bystander.longest() < 2
     assert daemon.resident_kib() - memory < 16 * 1024
-    wait_until(lambda: agrees(machine), timeout=4)
+    wait_until(lambda: agrees(machine))
     wait_until(lambda: len(daemon.descriptors()) < 10, what="the last clients' descriptors")
 
 
@@ -433,7 +443,7 @@ def test_scripts_that_hang_up_at_once(machine):
             client.send(notice)
     assert machine.ask("notify remove /block/sdz") == THANKS
     assert daemon.stderr().count("Notify ") > 100
-    wait_until(lambda: agrees(machine), timeout=4)
+    wait_until(lambda: agrees(machine))
     wait_until(lambda: len(daemon.descriptors()) < 10, what="the last clients' descriptors")
 
 
@@ -446,7 +456,7 @@ def test_a_burst_of_events_on_a_connection_each_while_nobody_else_is_there(machi
             client.send(notice)
     assert machine.ask("notify remove /block/sdz") == THANKS
     assert daemon.stderr().count("Notify ") == 101
-    wait_until(lambda: agrees(machine), timeout=4)
+    wait_until(lambda: agrees(machine))
 
 
 # Histories.
@@ -582,4 +592,4 @@ def test_a_daemon_agrees_with_sysfs_after_each_of_many_histories(machine):
     for seed in range(2000, 2016):
         History(machine, seed, tell).run(12)
         tell("remove", "sdz")
-        wait_until(lambda: agrees(machine), timeout=4, what=f"agreement after history {seed}")
+        wait_until(lambda: agrees(machine), what=f"agreement after history {seed}")

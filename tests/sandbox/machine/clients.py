@@ -22,7 +22,7 @@ def acting_as(uid):
 class Client:
     """One connection. Closed on leaving a with block or with the machine."""
 
-    def __init__(self, uid=0, timeout=10.0, receive_buffer=None, bind_to=None):
+    def __init__(self, uid=0, timeout=20.0, receive_buffer=None, bind_to=None):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         # A full queue makes connect wait, which a socket with a deadline of Python's would not.
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, struct.pack("ll", 30, 0))
@@ -32,6 +32,7 @@ class Client:
             self.socket.bind(bind_to)
         with acting_as(uid):
             self.socket.connect(ADDRESS)
+        self.timeout = timeout
         self.socket.settimeout(timeout)
         self.unread = b""
 
@@ -84,13 +85,13 @@ class Client:
         except TimeoutError:
             return True
         finally:
-            self.socket.settimeout(10.0)
+            self.socket.settimeout(self.timeout)
 
     def close(self):
         self.socket.close()
 
 
-def wait_until(condition, timeout=10.0, what=None):
+def wait_until(condition, timeout=20.0, what=None):
     """Waits for a condition to come true and returns its value; what: a text, or what makes one."""
     deadline = time.monotonic() + timeout
     while True:

@@ -67,7 +67,7 @@ def pytest_pyfunc_call(pyfuncitem):
         finally:
             machine.kill_everything()
 
-    outcome, value = namespaces.run(inside, mark.args[0] if mark else 60)
+    outcome, value = namespaces.run(inside, mark.args[0] if mark else 120)
     if outcome == "timeout":
         pytest.fail("the test took too long", pytrace=False)
     if outcome != "returned":

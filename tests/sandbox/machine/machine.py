@@ -160,6 +160,8 @@ class Machine(Drives):
             "/usr/bin/python3", path, *arguments, stdout=subprocess.PIPE, text=True, **keys
         )
         assert process.stdout.readline() == "ready\n", f"{name} did not come up"
+        if "--stop" in arguments:
+            wait_until(lambda: state_of(process.pid) == "T", what=f"the stop of {name}")
         return process
 
     @staticmethod
@@ -207,7 +209,7 @@ class Machine(Drives):
         """Waits until a whole pass that re-read the kernel's tables has begun and ended."""
         watch = kernel.FileWatch("/proc/partitions", events=kernel.IN_OPEN | kernel.IN_ACCESS)
         try:
-            assert watch.seen(timeout=5), "the tables were not read again"
+            assert watch.seen(timeout=20), "the tables were not read again"
         finally:
             watch.close()
         self.pass_of_loop()
@@ -371,7 +373,7 @@ class Daemon:
 
         wait_until(looping, timeout, "the daemon's loop")
 
-    def wait_for(self, text, timeout=10, times=1):
+    def wait_for(self, text, timeout=20, times=1):
         """Waits for a text on standard error."""
         wait_until(
             lambda: self.stderr().count(text) >= times,
@@ -476,6 +478,12 @@ class Room(Daemon):
 
     def last_words(self):
         return f"status {self.process.poll()}\n--- stderr\n{self.stderr()}"
+
+
+def state_of(pid):
+    """The kernel's letter for what a process does."""
+    with open(f"{REAL_PROC}/{pid}/stat") as file:
+        return file.read().rpartition(")")[2].split()[0]
 
 
 def sleep(seconds):

@@ -8,7 +8,7 @@ from .clients import ADDRESS, acting_as
 class StandIn:
     """A listener in the daemon's place. limit: how long it waits for a client and its words."""
 
-    def __init__(self, user=0, backlog=16, limit=2.0):
+    def __init__(self, user=0, backlog=16, limit=10.0):
         self.limit = limit
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self.socket.bind(ADDRESS)
