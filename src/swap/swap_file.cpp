@@ -12,6 +12,7 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/swap.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 #include <vector>
 
@@ -91,19 +92,27 @@ static void set_swap_path()
                 name.c_str());
 }
 
+// Whether an access list may let more than the group write: the group's right is all of theirs then.
+static bool has_access_list(const std::string &path)
+{
+    const ssize_t size = lgetxattr(path.c_str(), "system.posix_acl_access", nullptr, 0);
+    return size > 0 || (size < 0 && errno != ENODATA && errno != ENOTSUP);
+}
+
 // Whether nobody but root (and who runs the daemon) can put something else in the place of what
 // lies in this directory, or of what this file holds. A sticky directory leaves each his own.
-static bool is_roots_alone(const struct stat &status)
+static bool is_roots_alone(const std::string &path, const struct stat &status)
 {
     const bool is_sticky = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
-    const mode_t others = S_IWOTH | (status.st_gid == 0 ? 0u : S_IWGRP);
-    const bool is_open = (status.st_mode & others) != 0;
+    const bool groups_can_write = (status.st_mode & S_IWGRP) != 0;
+    const bool is_open = (status.st_mode & S_IWOTH) != 0 ||
+                         (groups_can_write && (status.st_gid != 0 || has_access_list(path)));
     return (status.st_uid == 0 || status.st_uid == geteuid()) &&
            (S_ISLNK(status.st_mode) || is_sticky || !is_open);
 }
 
 // Follows the words of a path, link by link, and looks at everything on the way. What is not there
-// is nobody's.
+// can come to be there by anybody.
 static bool is_out_of_others_reach(std::string current, const std::string &path)
 {
     const size_t most_words = 256; // links that go round would never end
@@ -112,9 +121,8 @@ static bool is_out_of_others_reach(std::string current, const std::string &path)
     std::deque<std::string> rest(words.begin(), words.end());
     struct stat status;
     for (size_t count = 0; count < most_words; count++) {
-        if (lstat(current.empty() ? "/" : current.c_str(), &status) < 0)
-            return errno == ENOENT;
-        if (!is_roots_alone(status))
+        const std::string place = current.empty() ? "/" : current;
+        if (lstat(place.c_str(), &status) < 0 || !is_roots_alone(place, status))
             return false;
         if (S_ISLNK(status.st_mode)) {
             const std::string target = read_link_at(AT_FDCWD, current.c_str(), PATH_MAX);
@@ -137,15 +145,14 @@ static bool is_out_of_others_reach(std::string current, const std::string &path)
 }
 
 // The file could be exchanged for a link under mkswap's hands, or what memory has put there be
-// changed, by whoever may write to its directories or to itself.
+// changed, by whoever may write to its directories or to itself. False when there is none.
 static bool is_swap_file_safe()
 {
-    if (swap_path.empty())
-        return true;
-    char *resolved = realpath(("/mnt/" + main_partition).c_str(), nullptr);
-    const std::string directory = resolved ? resolved : "";
+    const size_t end_of_root = swap_path.find('/', strlen("/mnt/"));
+    char *resolved = realpath(swap_path.substr(0, end_of_root).c_str(), nullptr);
+    const std::string root = resolved ? resolved : "";
     free(resolved);
-    return !resolved || is_out_of_others_reach(directory, settings.swap_name);
+    return resolved && is_out_of_others_reach(root, swap_path.substr(end_of_root));
 }
 
 // Renamed first, so that what it holds is kept; the second step then finds nothing to remove.
@@ -179,14 +186,16 @@ int SwapOn()
     if (SwapFileActive() || settings.swap_name.empty())
         return 1;
     fprintf(stderr, "Setting up swapfile on main drive.\n");
-    if (!is_swap_file_safe()) {
-        fprintf(stderr, "Swap file can be changed by others than root, it is not used\n");
-        return 0;
-    }
-    set_small_file_aside();
+    const bool is_safe = is_swap_file_safe();
+    if (is_safe)
+        set_small_file_aside();
     struct stat status;
     if (stat(swap_path.c_str(), &status) < 0)
         return 1;
+    if (!is_safe) {
+        fprintf(stderr, "Swap file can be changed by others than root, it is not used\n");
+        return 0;
+    }
     fprintf(stderr, "setting up swap\n");
     if (swapon(swap_path.c_str(), 0) == 0)
         return 1;

@@ -113,6 +113,16 @@ def test_a_missing_swap_file_is_no_failure_and_is_not_made(machine):
     assert os.listdir("/mnt/sdb1") == [".claimsig"]
 
 
+@pytest.mark.parametrize("where", ["in a user's directory", "below a file"])
+def test_a_missing_swap_file_is_no_failure_wherever_it_is_missing(machine, where):
+    os.makedirs("/mnt/sdb1")
+    os.chown("/mnt/sdb1", 1000, 1000)
+    name = "swap.img" if where == "in a user's directory" else ".claimsig/swap.img"
+    daemon = main_partition(machine, name=name)
+    assert said(daemon) == ["Setting up swapfile on main drive."]
+    assert machine.ask("swapon") == "OK swap enabled\n"
+
+
 def test_without_a_swap_name_nothing_is_switched_on(machine):
     swap_file()
     daemon = main_partition(machine, name="", **answers("swapon", first=0))

@@ -7,10 +7,12 @@ daemon behind the call that looked, the other one acts, and then the daemon goes
 
 import ast
 import contextlib
+import errno
 import itertools
 import os
 import re
 import signal
+import struct
 
 import pytest
 
@@ -362,17 +364,23 @@ def test_a_signature_file_that_is_swapped_is_not_read(machine, instead):
     assert "Found main partition" not in daemon.stderr()
 
 
-def main_partition_of(machine, options):
+def main_partition_of(machine, options, name="swap.img", has_file=True):
     """Keys of a main partition with a swap file of root's, whose own root is as options say."""
     machine.plug("usb", "sdb", MIB)
     machine.part("sdb1", 65536)
     machine.real_mounts()
     machine.mount_tmpfs("sdb1", "/mnt/sdb1", options)
     write("/mnt/sdb1/.claimsig", "SIG\n")
-    write("/mnt/sdb1/swap.img", "")
-    os.truncate("/mnt/sdb1/swap.img", MIB)
-    machine.configure("main partition signature=SIG\nswap name=swap.img\n")
+    if has_file:
+        make_swap_file(name)
+    machine.configure(f"main partition signature=SIG\nswap name={name}\n")
     machine.stand_in("mkswap", 'readlink -f "$1" >> /run/formatted\n')
+
+
+def make_swap_file(name="swap.img"):
+    os.makedirs(os.path.dirname(f"/mnt/sdb1/{name}"), exist_ok=True)
+    write(f"/mnt/sdb1/{name}", "")
+    os.truncate(f"/mnt/sdb1/{name}", MIB)
 
 
 def test_a_swap_file_is_no_users_to_swap(machine):
@@ -414,6 +422,43 @@ def test_a_swap_file_in_a_users_directory_is_not_used(machine):
     refusal = "Swap file can be changed by others than root, it is not used\n"
     assert f"{refusal}Warning: cannot enable swap\n" in daemon.stderr()
     assert machine.ask("swapon") == "ERR swap enable failed\n"
+
+
+def test_a_swap_file_that_a_user_makes_behind_the_look_is_not_used(machine):
+    """There was none when the daemon looked whose it is."""
+    main_partition_of(machine, "mode=1777", has_file=False)
+    keys = stopping("newfstatat", "/mnt/sdb1/swap.img", when=1)
+    daemon = machine.start(refuse=[("swapon", errno.EPERM)], wait=False, **keys)
+    wait_for_the_stop(daemon)
+    with acting_as(USERS["guest"]):
+        make_swap_file()
+    go_on(daemon)
+    daemon.wait_for("Found main partition")
+    assert "setting up swap" not in daemon.stderr()
+
+
+def acl_for(user):
+    """user::rwx, user:USER:rwx, group::r-x, mask::rwx, other::r-x"""
+    none = 0xFFFFFFFF
+    rows = [(1, 7, none), (2, 7, user), (4, 5, none), (0x10, 7, none), (0x20, 5, none)]
+    return struct.pack("<I", 2) + b"".join(struct.pack("<HHI", *row) for row in rows)
+
+
+@pytest.mark.parametrize("what", ["folder", "folder/swap.img"])
+def test_a_swap_file_that_an_access_list_opens_to_a_user_is_not_used(machine, what):
+    """Its mask stands where the right of root's group would."""
+    main_partition_of(machine, "mode=755", "folder/swap.img")
+    os.setxattr(f"/mnt/sdb1/{what}", "system.posix_acl_access", acl_for(USERS["guest"]))
+    assert os.stat(f"/mnt/sdb1/{what}").st_mode & 0o22 == 0o20
+    with acting_as(USERS["guest"]):  # he can change it indeed
+        if what == "folder":
+            os.rename("/mnt/sdb1/folder/swap.img", "/mnt/sdb1/folder/his")
+            os.rename("/mnt/sdb1/folder/his", "/mnt/sdb1/folder/swap.img")
+        else:
+            os.close(os.open("/mnt/sdb1/folder/swap.img", os.O_RDWR))
+    daemon = machine.start(refuse=[("swapon", errno.EPERM)])
+    daemon.wait_for("Found main partition")
+    assert "it is not used" in daemon.stderr()
 
 
 def test_a_device_that_is_replaced_before_its_mount_is_no_less_protected(machine):
