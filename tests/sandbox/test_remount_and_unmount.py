@@ -106,7 +106,7 @@ def test_a_polite_remount_fails_while_somebody_writes(machine):
     options = mount_options("/mnt/sdb1")
     reply, took = timed(machine, "mount ro sdb1")
     assert reply == "ERR cannot remount\n"
-    assert took < 8
+    assert took < 20
     assert f"Cannot remount sdb1 {BUSY}\n" in daemon.stderr()
     assert mount_options("/mnt/sdb1") == options
     assert not ended(writer)
@@ -149,7 +149,7 @@ def test_rudeoff_drives_everybody_out(machine, hold):
         machine.troublemaker("holder", "--cwd", "/tmp"),
     ]
     assert machine.ask("mount rudeoff sdb1") == UNMOUNTED
-    assert holder.wait(5) == -signal.SIGTERM
+    assert holder.wait(20) == -signal.SIGTERM
     assert kills(machine) == [terminating(holder)]
     assert "umount failed" not in daemon.stderr()
     assert not any(ended(process) for process in spared)
@@ -164,7 +164,7 @@ def test_rudeoff_ends_a_program_on_the_mount(machine):
     os.chmod("/mnt/sdb1/sleep", 0o755)
     program = machine.program("/mnt/sdb1/sleep", "60", cwd="/")
     assert machine.ask("mount rudeoff ^DATA", user="guest") == UNMOUNTED
-    assert program.wait(5) == -signal.SIGTERM
+    assert program.wait(20) == -signal.SIGTERM
 
 
 def test_rudeoff_reaches_the_neighbour_by_its_name(machine):
@@ -175,7 +175,7 @@ def test_rudeoff_reaches_the_neighbour_by_its_name(machine):
     assert machine.ask("mount rw sdb10") == "OK mount succeeded\n\n"
     neighbour = machine.troublemaker("holder", "--cwd", "/mnt/sdb10")
     assert machine.ask("mount rudeoff sdb1") == UNMOUNTED
-    assert neighbour.wait(5) == -signal.SIGTERM
+    assert neighbour.wait(20) == -signal.SIGTERM
     assert mount_options("/mnt/sdb10") is not None
     assert machine.ask("umount sdb10") == UNMOUNTED
 
@@ -193,7 +193,7 @@ def test_rudero_drives_writers_out_and_spares_the_rest(machine):
     ]
     assert machine.ask("mount rudero sdb1") == "OK remounted as r/o\n"
     # The mode of the file decides, not how it was opened.
-    assert writer.wait(5) == reader.wait(5) == -signal.SIGTERM
+    assert writer.wait(20) == reader.wait(20) == -signal.SIGTERM
     assert sorted(kills(machine)) == sorted([terminating(writer), terminating(reader)])
     assert not any(ended(process) for process in spared)
     assert "ro" in mount_options("/mnt/sdb1")
@@ -208,7 +208,7 @@ def test_the_same_process_is_spared_by_rudero_and_driven_out_by_rudeoff(machine)
     sleep(0.2)
     assert not ended(holder)
     assert machine.ask("mount rudeoff sdb1") == UNMOUNTED
-    assert holder.wait(5) == -signal.SIGTERM
+    assert holder.wait(20) == -signal.SIGTERM
 
 
 def test_rudero_spares_a_writer_of_a_sealed_file_and_fails(machine):
@@ -238,7 +238,7 @@ def test_who_does_not_listen_is_killed_after_a_second(machine, mode, hold, reply
     found, took = timed(machine, f"mount {mode} sdb1")
     assert found == reply
     assert 0.9 < took < 6
-    assert stubborn.wait(5) == -signal.SIGKILL
+    assert stubborn.wait(20) == -signal.SIGKILL
     assert kills(machine) == [terminating(stubborn), forcibly(stubborn)]
 
 
@@ -300,7 +300,7 @@ def test_the_whole_drives_mount_is_found_wherever_it_is(machine):
     machine.start("--hotplug")
     holder = machine.troublemaker("holder", "--cwd", "/run/elsewhere")
     assert machine.ask("mount rudeoff sdb") == UNMOUNTED
-    assert holder.wait(5) == -signal.SIGTERM
+    assert holder.wait(20) == -signal.SIGTERM
     assert not os.path.exists("/run/elsewhere")
 
 
@@ -463,7 +463,7 @@ def test_a_mount_point_that_the_table_escapes_is_used_as_it_is(machine, name):
     assert machine.ask("mount rw sdb") == "OK remounted as r/w\n"
     holder = machine.troublemaker("holder", "--cwd", f"/mnt/{name}")
     assert machine.ask("mount rudeoff sdb") == UNMOUNTED
-    assert holder.wait(5) == -signal.SIGTERM
+    assert holder.wait(20) == -signal.SIGTERM
     assert os.listdir("/mnt") == []
 
 
@@ -579,7 +579,7 @@ def test_sigterm_ends_the_patience_of_an_unmounting(machine):
     daemon.send_signal(signal.SIGTERM)
     daemon.wait_for("yup, cannot unmount", timeout=1.5)
     daemon.check_end(0)
-    assert holder.wait(5) == -signal.SIGTERM
+    assert holder.wait(20) == -signal.SIGTERM
     assert mount_options("/mnt/sdb1") is None
     assert os.listdir("/mnt") == []
 
@@ -593,7 +593,7 @@ def test_sigterm_during_an_eviction_lets_it_end(machine):
     wait_until(lambda: kills(machine), what="the eviction")
     daemon.send_signal(signal.SIGTERM)
     daemon.check_end(0)
-    assert deaf.wait(5) == -signal.SIGKILL
+    assert deaf.wait(20) == -signal.SIGKILL
     assert mount_options("/mnt/sdb1") is None
     assert os.listdir("/mnt") == []
 

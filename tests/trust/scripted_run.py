@@ -184,7 +184,7 @@ def live(injection=None, more=(), wanted=None):
     furnish(machine)
     daemon = start(machine, injection, more)
     try:
-        _requests(machine, daemon, life, wanted)
+        _requests(machine, daemon, life, injection, wanted)
         _end(daemon, life)
     finally:
         machine.kill_everything()
@@ -209,9 +209,9 @@ def _note_words(daemon, life, step):
     life.said.append((step, said[sum(len(text) for _, text in life.said) :]))
 
 
-def _requests(machine, daemon, life, wanted):
+def _requests(machine, daemon, life, injection, wanted):
     began = time.monotonic()
-    if not _comes_up(daemon):
+    if not _comes_up(daemon, patience=1.5 if injection else 20):
         return
     life.took[START] = time.monotonic() - began
     _note_words(daemon, life, START)
@@ -250,14 +250,15 @@ def _requests(machine, daemon, life, wanted):
     life.mounts = mounted()
 
 
-def _comes_up(daemon, timeout=4):
-    """Waits until the main partition is found, or until it is late; False when the daemon ends."""
-    deadline = time.monotonic() + timeout
+def _comes_up(daemon, patience):
+    """Waits until the main partition is found, or for so many seconds from the loop's beginning;
+    False when the daemon ends."""
+    deadline = time.monotonic() + 30
     while time.monotonic() < deadline and "Found main" not in daemon.stderr():
         if not daemon.is_running():
             return False
         if "Main label: '" in daemon.stdout():
-            deadline = min(deadline, time.monotonic() + 1.5)
+            deadline = min(deadline, time.monotonic() + patience)
         time.sleep(0.01)
     return daemon.is_running()
 

@@ -8,11 +8,13 @@ fault_table.py sums up what was met."""
 import copy
 import hashlib
 import re
+import time
 from collections import Counter
 
 import pytest
 
 from machine import namespaces
+from machine.sleeper import Sleeper
 
 import fault_table
 import faults
@@ -23,10 +25,18 @@ SHARES = 40
 
 
 def life(*injection, wanted=None):
-    """A life with some arguments for strace."""
-    outcome, value = namespaces.run(
-        lambda: scripted_run.live(list(injection), wanted=wanted), 120
-    )
+    """A life with some arguments for strace. One in which the machine stood still shows nothing:
+    what was due meanwhile came too late. So there is another one."""
+    for _ in range(3):
+        sleeper, begin = Sleeper(), time.monotonic()
+        outcome, value = namespaces.run(
+            lambda: scripted_run.live(list(injection), wanted=wanted), 120
+        )
+        end = time.monotonic()
+        stood_still = end - begin - sleeper.awake(begin, end)
+        sleeper.stop()
+        if stood_still < 1:
+            break
     assert outcome == "returned", value or outcome
     return value
 

@@ -21,7 +21,7 @@ from machine.client import asked_for_json
 from machine.clients import acting_as, wait_until
 from machine.drives import write
 from machine.evictions import forcibly, kills, terminating
-from machine.machine import USERS
+from machine.machine import USERS, state_of
 from machine.traces import own_calls
 
 MIB = 1 << 20
@@ -49,12 +49,6 @@ def wait_for_the_stop(daemon):
 
 def go_on(daemon):
     os.kill(daemon.pid, signal.SIGCONT)
-
-
-def state_of(pid):
-    """The kernel's letter for what a process does."""
-    with open(f"/.proc/{pid}/stat") as file:
-        return file.read().rpartition(")")[2].split()[0]
 
 
 def denied_to(user, *attempts):
@@ -510,7 +504,7 @@ def test_who_leaves_an_heir_is_outlived_by_a_second(machine):
     with machine.connect() as client:
         client.send("mount rudeoff sdb1\n")
         wait_for_the_stop(daemon)
-        assert holder.wait(5) == 0
+        assert holder.wait(20) == 0
         go_on_with_the_eviction(daemon)
         assert client.reply() == "OK unmount succeeded\n"
     told, killed = kills(machine)
@@ -528,7 +522,7 @@ def test_who_is_seen_by_no_pass_keeps_the_mount(machine):
     assert late.poll() is None
     machine.show_process(late.pid)
     assert machine.ask("mount rudeoff sdb1") == "OK unmount succeeded\n"
-    assert late.wait(5) == -signal.SIGTERM
+    assert late.wait(20) == -signal.SIGTERM
 
 
 def test_who_has_mapped_a_file_is_not_seen(machine):
