@@ -55,13 +55,13 @@ LOADABLE = {"hfs": "hfs", "hfs+": "hfsplus", "fat": "vfat", "xfs": "xfs", "btrfs
 
 @pytest.mark.parametrize("known, name", LOADABLE.items())
 def test_a_missing_type_is_loaded_and_waited_for(machine, known, name):
-    """The module lists its type a second after the command: the wait is long enough for that."""
+    """The module lists its type a while after the command: the wait is long enough for that."""
     stick(machine, known)
     daemon = machine.start("--hotplug", refuse=[("mount", errno.EINVAL)])
     stand_ins.stand_in(
         machine,
         "/usr/sbin/modprobe",
-        f'(sleep 1; echo "\t{name}" >> /proc/filesystems) > /dev/null 2>&1 &\n',
+        f'(sleep 0.6; echo "\t{name}" >> /proc/filesystems) > /dev/null 2>&1 &\n',
     )
     reply, took = timed(machine, "mount ro sdb1")
     assert reply == FAILED
@@ -271,7 +271,7 @@ def test_a_driver_program_that_is_killed_has_failed(machine):
     daemon = machine.start("--hotplug")
     reply, took = timed(machine)
     assert reply == FAILED
-    assert took < 5
+    assert took < 10  # eleven seconds would be the wait for it
     assert said(daemon, "mount.exfat:") == ["mount.exfat: failed status 137"]
 
 
