@@ -166,7 +166,7 @@ def test_a_dead_mount_holds_nothing_up(machine, word):
     os.symlink("sdb1", "/mnt/^DATA")
     start = time.monotonic()
     report = asked_for_json("busy", word)
-    assert time.monotonic() - start < 5
+    assert time.monotonic() - start < 20
     assert holds(report, *processes) == [
         ("file", 0, "/mnt/sdb1/file", ["rudeoff", "rudero"]),
         ("directory", 1, "/mnt/sdb1/folder", ["rudeoff"]),
@@ -184,7 +184,7 @@ def test_processes_that_cannot_be_read_hold_nothing_up(machine):
     holder = machine.troublemaker("holder", "--cwd", "/mnt/sdb1")
     start = time.monotonic()
     report = asked_for_json("busy", "sdb1")
-    assert time.monotonic() - start < 6
+    assert time.monotonic() - start < 15
     assert holds(report, holder) == [("directory", 0, "/mnt/sdb1", ["rudeoff"])]
     assert report["unread_memory"] == list(range(1000001, 1000008))
     assert "mapped files are not known of 7 processes" in quarryctl("busy", "sdb1")[1]
