@@ -8,6 +8,7 @@ import pytest
 from machine.clients import wait_until
 from machine.drives import big_machine
 from machine.machine import REAL_PROC
+from machine.sleeper import sleeper
 
 from crowd import LONGEST_HOLD, PATIENT, WAYS, Crowd
 
@@ -45,6 +46,7 @@ PASS = 0.05  # seconds: a pass takes in one client and sleeps
 QUEUE = 17  # clients that the kernel keeps in order in front of the daemon
 PATIENCE = 2  # times what all in front of a client take, if the daemon sleeps in every pass
 SMALL = 60  # clients of a crowd whose memory is compared
+MOST_CROWDS = 8  # until one needs not a page that the one before it did not
 DRIVES = 2000
 
 
@@ -72,14 +74,17 @@ def loaded(machine, seconds):
     machine.ask("list")
     alone = time.monotonic() - began
     taken = []
-    for _ in range(3):  # always the same: the first two take the memory that is needed
+    # Always the same: the first ones take the memory that is needed.
+    while len(taken) < 3 or taken[-1] != taken[-2] and len(taken) < MOST_CROWDS:
         crowded(machine, daemon, Crowd(SMALL, seed=1), 0)
         taken.append(memory(daemon))
     descriptors = daemon.descriptors()
+    asleep = sleeper()
     began = time.monotonic()
     crowd = Crowd(INSIDE + OUTSIDE, seed=2)
     crowded(machine, daemon, crowd, seconds, **fills_up(crowd, daemon))
     took = time.monotonic() - began
+    stood_still = took - asleep.awake(began, began + took)
     after = memory(daemon)
     print(
         f"a list of {size} bytes in {alone * 1000:.1f} ms; {took:.1f} s, "
@@ -96,17 +101,17 @@ def loaded(machine, seconds):
     assert waiting <= replied
     # In front of a full queue it is the kernel that chooses, so that is another wait.
     in_front = (INSIDE + QUEUE) * (PASS + alone) + LONGEST_HOLD
-    assert crowd.longest_in_queue() < PATIENCE * in_front
+    assert crowd.longest_in_queue() < PATIENCE * in_front + stood_still
     slow = [way.__name__ for way in WAYS].count("reads_slowly") * crowd.size // len(WAYS)
     assert len(crowd.made_wait) >= slow / 2
     assert crowd.served_meanwhile() > 0
     assert daemon.descriptors() == descriptors
-    # Of equal crowds the third needs not a page that the second did not.
-    assert taken[2] == taken[1]
+    # What each crowd left behind would make each need more than the one before.
+    assert taken[-1] == taken[-2]
     # At most fifty replies were there at once, each in a text that doubles when it grows, and what
     # the allocator keeps of them is all that is more than before.
-    assert after[1] - taken[2][1] <= INSIDE * 2 * size
-    assert (after[0] - taken[2][0]) * os.sysconf("SC_PAGESIZE") <= INSIDE * 2 * size
+    assert after[1] - taken[-1][1] <= INSIDE * 2 * size
+    assert (after[0] - taken[-1][0]) * os.sysconf("SC_PAGESIZE") <= INSIDE * 2 * size
     return crowd, alone
 
 
