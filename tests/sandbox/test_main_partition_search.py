@@ -621,7 +621,7 @@ def test_a_drive_that_arrives_later_is_examined_in_polling_mode(machine):
     is_never_found(machine, daemon)
     mounted_before(machine, "sdb1")
     stick(machine)
-    daemon.wait_for(found("sdb1"), timeout=3)
+    daemon.wait_for(found("sdb1"))
 
 
 def test_a_drive_that_arrives_later_is_examined_in_hotplug_mode(machine):
@@ -632,7 +632,7 @@ def test_a_drive_that_arrives_later_is_examined_in_hotplug_mode(machine):
     stick(machine)
     assert machine.ask("notify add /block/sdb") == "OK thank you\n"
     assert machine.ask("notify add /block/sdb/sdb1") == "OK thank you\n"
-    daemon.wait_for(found("sdb1"), timeout=3)
+    daemon.wait_for(found("sdb1"))
 
 
 def test_a_partition_that_arrives_on_a_known_drive_is_examined(machine):
@@ -643,7 +643,7 @@ def test_a_partition_that_arrives_on_a_known_drive_is_examined(machine):
     machine.mount_table(["/dev/sdb2 /mnt/sdb2 ext4"])
     on_drive("sdb2")
     machine.part("sdb2", 65536)
-    daemon.wait_for(found("sdb2"), timeout=3)
+    daemon.wait_for(found("sdb2"))
     assert attempts(daemon) == ["sdb1"]
 
 
@@ -655,7 +655,7 @@ def test_a_drive_that_was_examined_is_examined_again_when_it_comes_back(machine)
     machine.unplug("sdb")
     daemon.wait_for("Device sdb just disappeared")
     stick(machine, "sdb", 1)
-    daemon.wait_for("attempting to mount /dev/sdb1\n", times=2, timeout=3)
+    daemon.wait_for("attempting to mount /dev/sdb1\n", times=2)
     assert attempts(daemon) == ["sdb1", "sdb1"]
 
 
@@ -675,7 +675,7 @@ def card_reader(machine, mode):
 
 def test_a_medium_that_arrives_in_hotplug_mode_is_found(machine):
     daemon = card_reader(machine, "--hotplug")
-    daemon.wait_for("Found main partition on sdb part sdb\n", timeout=6)
+    daemon.wait_for("Found main partition on sdb part sdb\n")
 
 
 def test_a_medium_that_arrives_in_polling_mode_is_not_looked_at(machine):
@@ -687,7 +687,7 @@ def test_a_medium_that_arrives_in_polling_mode_is_not_looked_at(machine):
     machine.resize("sdb", 0)
     sleep(5)
     machine.resize("sdb", MIB)
-    daemon.wait_for("Found main partition on sdb part sdb\n", timeout=6)
+    daemon.wait_for("Found main partition on sdb part sdb\n")
 
 
 def test_the_search_does_not_begin_again_when_the_main_partition_is_lost(machine):
@@ -697,7 +697,7 @@ def test_the_search_does_not_begin_again_when_the_main_partition_is_lost(machine
     daemon = machine.start()
     daemon.wait_for(found("sdb1"))
     machine.unplug("sdb")
-    daemon.wait_for("Device sdb just disappeared", timeout=15)
+    daemon.wait_for("Device sdb just disappeared")
     assert options_of("/mnt/sdb1") is None
     stick(machine)
     mounted_before(machine, "sdb1")
@@ -810,7 +810,7 @@ def test_a_search_in_vain_is_ended_by_a_signal(machine, number):
     is_never_found(machine, daemon)
     start = time.monotonic()
     daemon.stop(number)
-    assert time.monotonic() - start < 3
+    assert time.monotonic() - start < 15
     assert not os.path.exists("/root/ran")
 
 
