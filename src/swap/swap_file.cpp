@@ -103,12 +103,14 @@ static bool has_access_list(const std::string &path)
 // lies in this directory, or of what this file holds. A sticky directory leaves each his own.
 static bool is_roots_alone(const std::string &path, const struct stat &status)
 {
+    if (status.st_uid != 0 && status.st_uid != geteuid())
+        return false;
     const bool is_sticky = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
-    const bool groups_can_write = (status.st_mode & S_IWGRP) != 0;
-    const bool is_open = (status.st_mode & S_IWOTH) != 0 ||
-                         (groups_can_write && (status.st_gid != 0 || has_access_list(path)));
-    return (status.st_uid == 0 || status.st_uid == geteuid()) &&
-           (S_ISLNK(status.st_mode) || is_sticky || !is_open);
+    if (S_ISLNK(status.st_mode) || is_sticky)
+        return true;
+    if ((status.st_mode & S_IWOTH) != 0)
+        return false;
+    return (status.st_mode & S_IWGRP) == 0 || (status.st_gid == 0 && !has_access_list(path));
 }
 
 // Follows the words of a path, link by link, and looks at everything on the way. What is not there
