@@ -92,7 +92,7 @@ static void set_swap_path()
                 name.c_str());
 }
 
-// Whether an access list may let more than the group write: the group's right is all of theirs then.
+// Whether there is an access list: then the group's right is the most that any user in it has.
 static bool has_access_list(const std::string &path)
 {
     const ssize_t size = lgetxattr(path.c_str(), "system.posix_acl_access", nullptr, 0);
