@@ -23,6 +23,7 @@ ERRORS = {
     "getsockopt": ["ENOBUFS"],
     "ioctl": ["EIO"],
     "kill": ["ESRCH"],
+    "lgetxattr": ["EIO"],
     "listen": ["EADDRINUSE"],
     "lseek": ["EIO"],
     "mkdir": ["EROFS"],
