@@ -40,8 +40,10 @@ int run_quietly(const std::vector<std::string> &words)
     const pid_t child = fork_child();
     if (child == 0) {
         const int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        dup2(null_fd, STDOUT_FILENO);
-        dup2(null_fd, STDERR_FILENO);
+        if (null_fd >= 0) {
+            dup2(null_fd, STDOUT_FILENO);
+            dup2(null_fd, STDERR_FILENO);
+        }
         execvp(arguments[0], arguments.data());
         _exit(127);
     }
