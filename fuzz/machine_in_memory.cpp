@@ -173,6 +173,7 @@ void MemoryMachine::Mounted(const std::string &device, const std::string &mountp
         flags |= options.find(option) == std::string::npos ? 0 : flag;
     mounts.push_back({device, mountpoint, type, flags, protection_in(flags)});
     first_mountpoints.insert(mountpoint);
+    make_directories_above(nodes, mountpoint + "/");
     WriteMounts();
 }
 
@@ -690,6 +691,22 @@ int __wrap_mount(const char *device, const char *directory, const char *type, un
             return fail(EINVAL);
         machine->mounts.push_back({device, directory, type, flags, protection_in(flags)});
     }
+    machine->WriteMounts();
+    return 0;
+}
+
+// Flags are given to a mount by its root, and none is taken away.
+int __wrap_mount_setattr(int directory_fd, const char *path, unsigned flags,
+                         struct mount_attr *attributes, size_t)
+{
+    PROMISE(machine && !*path && flags == AT_EMPTY_PATH && attributes->attr_clr == 0);
+    const std::string directory = machine->At(directory_fd).path;
+    machine->deeds.push_back("mount " + directory);
+    PROMISE(may_be_mountpoint(directory) && may_move_mount(directory));
+    MemoryMachine::Mount *mounted = mount_at(directory);
+    if (!mounted)
+        return fail(EINVAL);
+    mounted->flags |= attributes->attr_set; // these have the same numbers as those of mount(2)
     machine->WriteMounts();
     return 0;
 }

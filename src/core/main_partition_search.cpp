@@ -114,14 +114,12 @@ static void undo(const Trial &trial)
 // The mount keeps what protected the machine from the drive when it becomes writable.
 static void make_writable(const Trial &trial)
 {
-    const std::string mountpoint = in_mount_table(trial.directory);
-    MountEntry top;
-    const bool is_there = find_on_top(trial.device_path, mountpoint, top);
-    if (is_covered(trial.device_path, mountpoint) ||
+    const HeldMount held(trial.device_path, in_mount_table(trial.directory));
+    if (held.OnTop() == TOP_IS_ANOTHERS ||
         mount(nullptr, trial.directory.c_str(), nullptr, MS_REMOUNT, nullptr) < 0)
         fprintf(stderr, "Warning: cannot remount %s read/write\n", trial.directory.c_str());
-    else if (is_there)
-        put_flags_back(trial.device_path, mountpoint, protecting_flags(top), false);
+    else
+        held.GiveFlagsBack();
 }
 
 static void publish(const Trial &trial)

@@ -172,20 +172,19 @@ static bool is_optical(const BlockDevice *drive)
 static void remount(const MountRequest &request, const MountEntry &entry, bool read_only,
                     std::string &reply)
 {
-    const std::string mountpoint = from_kernel_table(entry.mountpoint);
+    const HeldMount held(entry.device, entry.mountpoint);
     const unsigned long mode = read_only ? MS_RDONLY : 0;
-    MountEntry top;
     int error = 0;
-    if (!find_on_top(entry.device, entry.mountpoint, top))
+    if (held.OnTop() != TOP_IS_OWN)
         error = EBUSY;
-    else if (mount("", mountpoint.c_str(), "", MS_REMOUNT | mode, nullptr) < 0)
+    else if (mount("", held.Name().c_str(), "", MS_REMOUNT | mode, nullptr) < 0)
         error = errno;
     if (error != 0) {
         fprintf(stderr, "Cannot remount %s %s\n", request.name.c_str(), strerror(error));
         reply = "ERR cannot remount";
         return;
     }
-    put_flags_back(entry.device, entry.mountpoint, protecting_flags(top), read_only);
+    held.GiveFlagsBack();
     reply = read_only ? "OK remounted as r/o" : "OK remounted as r/w";
 }
 

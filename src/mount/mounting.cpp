@@ -131,8 +131,7 @@ static void protect_mount(const std::string &device_path)
 {
     const MountEntry *entry = FindMount("device", device_path);
     if (entry)
-        put_flags_back(device_path, entry->mountpoint,
-                       protecting_flags(*entry) | MS_NOSUID | MS_NODEV, !has_option(*entry, "rw"));
+        protect_fresh_mount(device_path, entry->mountpoint);
 }
 
 bool wait_for_mount(const std::string &name, const std::string &candidate)

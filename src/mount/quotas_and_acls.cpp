@@ -38,16 +38,11 @@ static const MountEntry *find_writable(const std::string &name)
 static int remount_with(const std::string &name, const std::string &options)
 {
     const std::string directory = "/mnt/" + name;
-    const std::string device_path = "/dev/" + name;
-    const std::string mountpoint = in_mount_table(directory);
-    if (is_covered(device_path, mountpoint))
+    const HeldMount held("/dev/" + name, in_mount_table(directory));
+    if (held.OnTop() == TOP_IS_ANOTHERS)
         return 0;
-    MountEntry top;
-    const MountEntry *known = FindMount("mountpoint", mountpoint);
-    if (!find_on_top(device_path, mountpoint, top) && known)
-        top = *known;
     const int succeeded = run_quietly({"mount", "-o", options, directory});
-    put_flags_back(device_path, mountpoint, protecting_flags(top), false);
+    held.GiveFlagsBack();
     return succeeded;
 }
 

@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "mount/mount_points.h"
 #include "mount/mount_tables.h"
 
 // The flags of an entry that protect the machine from what is on the drive (MS_NOSUID, MS_NODEV,
@@ -17,20 +18,49 @@ unsigned long protecting_flags(const MountEntry &entry);
 // The name that the mount table has for a directory: where its links lead, and escaped.
 std::string in_mount_table(const std::string &directory);
 
-// The mount of a device at a directory (named as in the table) when nothing lies on it, by the
-// table as it is at this moment. False when something does, when it is not mounted there, or when
-// nobody can tell.
-bool find_on_top(const std::string &device_path, const std::string &mountpoint, MountEntry &entry);
+// Whose mount is seen at a directory. What nobody can tell is another's.
+enum Top { TOP_IS_OWN, TOP_IS_NONE, TOP_IS_ANOTHERS };
 
-// Whether something else than the device is mounted at that directory, and seen there.
-bool is_covered(const std::string &device_path, const std::string &mountpoint);
+// Looks by the table as it is at this moment; the directory is named as in there. Fills top with
+// the device's mount when it is that one.
+Top look_on_top(const std::string &device_path, const std::string &mountpoint, MountEntry &top);
 
-// A remount clears those flags of the mount; this gives them back to the device's mount at that
-// directory, by a bind remount, which touches the mount point alone, and makes sure of it. What
-// somebody has put on it meanwhile becomes nosuid and nodev, and goes when it is in the way.
-// Without flags, nothing is called for the device's own mount; where nothing is mounted, nothing is
-// changed. Says on stderr when the flags cannot be given back.
-void put_flags_back(const std::string &device_path, const std::string &mountpoint,
-                    unsigned long flags, bool read_only);
+// A device's mount that is about to be remounted. Who makes one looks first whose mount is on top,
+// remounts, and then has the flags given back. The mount is held meanwhile, so that they go to this
+// very one, whatever has been put on it.
+class HeldMount {
+public:
+    // The directory is named as in the table.
+    HeldMount(const std::string &device_path, const std::string &mountpoint);
+
+    // What was seen there when this was made.
+    Top OnTop() const
+    {
+        return top_;
+    }
+
+    // What a remount is to name: the directory, or a path that leads to this mount alone where a
+    // user could put a link in the directory's place.
+    std::string Name() const;
+
+    // A remount clears the flags that protect the machine; this gives the mount those back that it
+    // had, and these. A mount of another user's that lies on it becomes nosuid and nodev: the
+    // remount may have been his. Without flags nothing is called for the device's own mount. Says
+    // on stderr when flags cannot be given.
+    void GiveFlagsBack(unsigned long more = 0) const;
+
+private:
+    void GiveByPath(unsigned long flags) const;
+
+    std::string device_path_;
+    std::string mountpoint_;
+    HeldDirectory directory_;
+    MountEntry entry_; // when it is on top
+    Top top_;
+};
+
+// Makes a mount nosuid and nodev that a driver program has just made. What a user has put on it
+// meanwhile goes. Says on stderr when that cannot be done.
+void protect_fresh_mount(const std::string &device_path, const std::string &mountpoint);
 
 #endif

@@ -130,6 +130,22 @@ def test_the_dead_mount_itself_is_cleared_and_unmounted(machine, way):
     assert not os.path.exists("/mnt/sdb1")
 
 
+@pytest.mark.parametrize("point", ["/mnt/sdb1", "/srv/dead"])
+def test_the_dead_mount_is_remounted_and_unmounted_on_request(machine, point):
+    """It is held for that, and in a folder elsewhere reached by it, without a word to its server."""
+    stick(machine)
+    dead_mount(machine, point=point)
+    os.unlink("/proc/mounts")
+    machine.mount_table([f"/dev/sdb1 {point} fuseblk rw,nosuid,nodev"])
+    machine.start("--hotplug")
+    start = time.monotonic()
+    assert machine.ask("mount ro sdb1") == "OK remounted as r/o\n"
+    machine.ask("umount sdb1")
+    assert time.monotonic() - start < 8
+    with open("/.proc/self/mounts") as file:
+        assert point not in file.read()
+
+
 def test_writers_are_told_from_readers_without_waiting(machine):
     """The mode that the kernel remembers is enough, and only files under the path are looked at."""
     stick(machine)

@@ -13,6 +13,11 @@ START = "(start)"
 END = "(end)"
 SANITIZER = "(sanitizer)"
 
+# About what their descriptor was opened as, whatever texts they have.
+OF_A_DESCRIPTOR = (
+    "recvfrom", "sendto", "read", "write", "getsockopt", "fcntl", "getdents64", "mount_setattr"
+)
+
 # Of these the arguments after the first name what is meant.
 PATH_ARGUMENT = {"mount": 1, "symlink": 1, "quotactl": 1}
 
@@ -62,7 +67,7 @@ def _about(name, text, descriptors):
     if name == "ioctl":
         return descriptors.of(text) + " " + (re.findall(r", (\w+)", text) or [""])[0]
     strings = re.findall(r'"((?:[^"\\]|\\.)*)"', text)
-    if name in ("recvfrom", "sendto", "read", "write", "getsockopt", "fcntl", "getdents64"):
+    if name in OF_A_DESCRIPTOR:
         about = descriptors.of(text)
         if name == "fcntl":
             about += " " + (re.findall(r"F_\w+", text) or [""])[0]

@@ -285,9 +285,9 @@ def test_a_strangers_mount_that_comes_before_the_remount_gets_its_flags_back(mac
 
 
 def test_a_strangers_mount_that_comes_after_the_remount_keeps_no_flags_from_the_drive(machine):
-    """Between the remount and the giving back of the flags, which would be given to his."""
+    """Between the remount and the giving back of the flags: the drive's mount gets them below."""
     users_stick(machine)
-    stopped = ["-e", "trace=mount", "-e", "inject=mount:signal=SIGSTOP:when=1"]
+    stopped = ["-e", "trace=mount,umount2", "-e", "inject=mount:signal=SIGSTOP:when=1"]
     daemon = machine.start("--hotplug", trace=stopped)
     with machine.connect("guest") as client:
         client.send("mount ro sdb1\n")
@@ -296,24 +296,100 @@ def test_a_strangers_mount_that_comes_after_the_remount_keeps_no_flags_from_the_
         with strangers_mount():
             go_on(daemon)
             assert client.reply() == "OK remounted as r/o\n"
-            assert [changing(options) for _, options in mounts_at("/mnt/sdb1")] == [
-                {"ro", "nosuid", "nodev"}
-            ]
+            (_, own), (kind, his) = mounts_at("/mnt/sdb1")
+            assert changing(own) == {"ro", "nosuid", "nodev"}
+            assert kind == "fuse" and changing(his) == {"rw", "nosuid", "nodev"}
+    assert own_calls(daemon, "umount2") == []
     assert "Cannot protect" not in daemon.stderr()
 
 
-def test_a_strangers_mount_on_a_fresh_one_keeps_no_flags_from_the_drive(machine):
-    """Between a driver program's mount and the look at it; mount(8), which asks what is on top, is
-    not called with his."""
+def test_a_mount_of_roots_that_comes_after_the_remount_is_left_alone(machine):
+    """And keeps no flags from the drive's mount below it."""
+    users_stick(machine)
+    stopped = ["-e", "trace=mount", "-e", "inject=mount:signal=SIGSTOP:when=1"]
+    daemon = machine.start("--hotplug", trace=stopped)
+    with machine.connect("guest") as client:
+        client.send("mount ro sdb1\n")
+        wait_for_the_stop(daemon)
+        kernel.mount("roots", "/mnt/sdb1", "tmpfs", kernel.MS_NOEXEC, "mode=755")
+        roots = mounts_at("/mnt/sdb1")[1]
+        go_on(daemon)
+        assert client.reply() == "OK remounted as r/o\n"
+    assert mounts_at("/mnt/sdb1")[1] == roots
+    assert changing(mounts_at("/mnt/sdb1")[0][1]) == {"ro", "nosuid", "nodev"}
+    kernel.umount("/mnt/sdb1")
+
+
+def test_a_strangers_mount_that_is_gone_before_the_remount_is_not_held_for_the_drives(machine):
+    """Between the opening of the mount point and the look at the table: the flags would be given
+    back to his."""
+    users_stick(machine)
+    daemon = machine.start("--hotplug", **stopping("openat", "/mnt/sdb1"))
+    before = mounts_at("/mnt/sdb1")
+    with machine.connect("guest") as client, strangers_mount():
+        client.send("mount ro sdb1\n")
+        wait_for_the_stop(daemon)
+        kernel.umount("/mnt/sdb1", kernel.MNT_DETACH)
+        go_on(daemon)
+        assert client.reply() == "ERR cannot remount\n"
+    assert mounts_at("/mnt/sdb1") == before
+
+
+@pytest.mark.parametrize("number", [errno.ENOSYS, errno.EPERM])
+def test_a_kernel_without_mount_setattr_gives_the_flags_back_too(machine, number):
+    """An older one, or one that is asked from a container: to the same mount, whatever lies on it
+    by then."""
+    users_stick(machine)
+    stopped = ["-e", "trace=mount", "-e", "inject=mount:signal=SIGSTOP:when=3"]
+    refusal = [("mount_setattr", number)]
+    daemon = machine.start("--hotplug", trace=stopped, refuse=refusal)
+    assert machine.ask("mount ro sdb1", "guest") == "OK remounted as r/o\n"
+    assert changing(mounts_at("/mnt/sdb1")[0][1]) == {"ro", "nosuid", "nodev"}
+    with machine.connect("guest") as client:
+        client.send("mount rw sdb1\n")
+        wait_for_the_stop(daemon)
+        with strangers_mount():
+            his = mounts_at("/mnt/sdb1")[1]
+            go_on(daemon)
+            assert client.reply() == "OK remounted as r/w\n"
+            assert mounts_at("/mnt/sdb1")[1] == his
+            assert changing(mounts_at("/mnt/sdb1")[0][1]) == {"rw", "nosuid", "nodev"}
+    assert "Cannot protect" not in daemon.stderr()
+
+
+def covered_stick(machine):
+    """A stick whose driver program mounts it, and a user then something on it."""
     stand_ins.exfat_stick(machine)
     tmpfs = stand_ins.MOUNT_TMPFS.replace("exec ", "")
     words = "nosuid,nodev,fd=3,rootmode=40000,user_id=1000,group_id=1000"
     his = f'{stand_ins.REAL_MOUNT} -i -t fuse -o {words} mine "$directory" 3<>/dev/fuse\n'
     stand_ins.stand_in(machine, "/usr/sbin/mount.exfat", f"{tmpfs}\n{his}")
-    machine.start("--hotplug")
+
+
+def test_a_strangers_mount_on_a_fresh_one_keeps_no_flags_from_the_drive(machine):
+    """Between a driver program's mount and the look at it; mount(8), which asks what is on top, is
+    not called with his."""
+    covered_stick(machine)
+    daemon = machine.start("--hotplug")
     assert machine.ask("mount rw sdb1", "guest") == MOUNTED
     ((kind, options),) = mounts_at("/mnt/sdb1")
     assert kind == "tmpfs" and {"nosuid", "nodev"} <= options
+    assert "Cannot protect" not in daemon.stderr()
+
+
+def test_the_drives_own_mount_is_never_taken_off_for_a_strangers(machine):
+    """He takes his off himself, between the look at it and the call that is to do so."""
+    covered_stick(machine)
+    trace = ["-e", "trace=umount2", "-e", "inject=umount2:delay_enter=1500000:when=1"]
+    daemon = machine.start("--hotplug", trace=trace)
+    with machine.connect("guest", timeout=20) as client:
+        client.send("mount rw sdb1\n")
+        wait_until(lambda: daemon.current_call() == kernel.SYSCALLS["umount2"], what="umount2")
+        kernel.umount("/mnt/sdb1", kernel.MNT_DETACH)
+        assert client.reply() == MOUNTED
+    ((kind, options),) = mounts_at("/mnt/sdb1")
+    assert kind == "tmpfs" and {"nosuid", "nodev"} <= options
+    assert "Cannot protect" not in daemon.stderr()
 
 
 def test_mount_is_not_run_for_what_a_stranger_has_put_on_the_drive(machine):
@@ -765,7 +841,7 @@ def test_a_hook_that_asks_the_daemon_stops_both(machine):
 
 # The table.
 
-ROWS = 53  # of docs/security.md; there may be more
+ROWS = 55  # of docs/security.md; there may be more
 
 
 def rows_of_the_table():

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -541,6 +542,25 @@ int __wrap_umount(const char *mountpoint)
     return result;
 }
 
+int __wrap_umount2(const char *mountpoint, int flags)
+{
+    int result = 0;
+    note_deed(std::string("umount ") + mountpoint + " " + std::to_string(flags));
+    is_answered(Call::UMOUNT, result);
+    return result;
+}
+
+int __wrap_mount_setattr(int directory_fd, const char *path, unsigned, mount_attr *attributes,
+                         size_t)
+{
+    int result = 0;
+    std::string place = machine_path(directory_fd, path);
+    place.pop_back(); // the slash before an empty name
+    note_deed("mount_setattr " + place + " " + std::to_string(attributes->attr_set));
+    is_answered(Call::MOUNT_SETATTR, result);
+    return result;
+}
+
 int __wrap_swapoff(const char *path)
 {
     int result = 0;
@@ -720,5 +740,4 @@ NOT_ON_THIS_MACHINE(popen)
 NOT_ON_THIS_MACHINE(reboot)
 NOT_ON_THIS_MACHINE(system)
 NOT_ON_THIS_MACHINE(truncate)
-NOT_ON_THIS_MACHINE(umount2)
 }

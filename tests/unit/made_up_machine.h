@@ -40,6 +40,7 @@ enum class Call {
     LSEEK,
     MKDIR,
     MOUNT,
+    MOUNT_SETATTR,
     OPEN, // openat() too
     PIPE,
     QUOTACTL,
@@ -55,7 +56,7 @@ enum class Call {
     SWAPOFF,
     SWAPON,
     SYMLINK,
-    UMOUNT,
+    UMOUNT, // umount2() too
     UNLINK, // unlinkat() too
     WAITPID,
     COUNT
@@ -136,8 +137,10 @@ public:
     void ForgetCalls();
 
     // What was done that must not really happen, or that a test wants to see, in order and from
-    // children too: "kill 12 15", "kill child 9", "umount /mnt/sdb1", "swapoff /x", "sleep 2",
+    // children too: "kill 12 15", "kill child 9", "umount /mnt/sdb1" (with the flags of
+    // umount2() behind it), "swapoff /x", "sleep 2",
     // "mount /dev/sdb1 /mnt/sdb1 ext4 6" ('' for an empty text, (null) for none), "swapon /x 0",
+    // "mount_setattr /mnt/sdb1 6" with the attributes that are set,
     // "quotactl 80000200 /dev/sdb1 2 /mnt/sdb1/aquota.user", "usleep 100", "alarm 30", "fsync",
     // "execv /usr/bin/volsniffer ...", "close_range 0 4095 0", "log ..." for the system log,
     // "bind ..." and, as a fault, "left open at exec: ...".

@@ -34,7 +34,7 @@ protected:
             machine.Write(table, "");
         // What is done stands between what is said, in one story.
         machine.on_deed = [this](const std::string &deed) {
-            if (deed.starts_with("mount ") || deed.starts_with("umount ") ||
+            if (deed.starts_with("mount") || deed.starts_with("umount ") ||
                 deed.starts_with("execv "))
                 fprintf(stderr, "# %s\n", deed.c_str());
             Do(deed);
@@ -129,8 +129,7 @@ protected:
 static const std::string trial_flags = " " + std::to_string(MS_RDONLY | MS_NOSUID | MS_NODEV);
 static const std::string label_flags = " " + std::to_string(MS_NOSUID | MS_NODEV);
 static const std::string remount = " (null) " + std::to_string(MS_REMOUNT);
-static const std::string protect =
-    " '' " + std::to_string(MS_REMOUNT | MS_BIND | MS_NOSUID | MS_NODEV);
+static const std::string protect = "mount_setattr /mnt/sdb1 6"; // nosuid and nodev
 
 // By its signature: mounted read-only and with care, looked into, made writable, made known.
 TEST_F(MainPartitionSearch, FindsASignature)
@@ -151,7 +150,7 @@ TEST_F(MainPartitionSearch, FindsASignature)
                                  "# mount (null) /mnt/sdb1" +
                                  remount +
                                  "\n"
-                                 "# mount '' /mnt/sdb1" +
+                                 "# " +
                                  protect + "\n");
     EXPECT_EQ(main_drive, "sdb");
     EXPECT_EQ(main_partition, "sdb1");
@@ -443,7 +442,7 @@ TEST_F(MainPartitionSearch, FailuresAfterTheMatchAreTold)
     EXPECT_TRUE(errors.Take().ends_with("has sig claimed\n"
                                         "Warning: cannot remount /mnt/sdb1 read/write\n"
                                         "Warning: cannot create main symlink\n"));
-    EXPECT_EQ(machine.Deeds("mount '' ").size(), 0U); // nothing was taken from it
+    EXPECT_EQ(machine.Deeds("mount_setattr").size(), 0U); // nothing was taken from it
     EXPECT_EQ(main_partition, "sdb1");
     EXPECT_EQ(machine.LinkTarget("/mnt/^label-of-sdb1"), "sdb1");
 }
@@ -455,7 +454,9 @@ TEST_F(MainPartitionSearch, ProtectionThatIsNotGivenBackIsTold)
     AddStick({"ext4", "claimed"});
     machine.on_deed = [this](const std::string &deed) {
         Do(deed);
-        if (deed.starts_with("mount ''"))
+        if (deed.starts_with("mount_setattr"))
+            machine.Script(Call::MOUNT_SETATTR, {fails(EPERM)});
+        else if (deed.starts_with("mount ''"))
             machine.Script(Call::MOUNT, {fails(EPERM)});
     };
     EXPECT_TRUE(search_main_partition());
@@ -486,8 +487,7 @@ TEST_F(MainPartitionSearch, MountedPartitionIsExaminedInPlace)
                              "# mount (null) /mnt/sdb1" +
                                  remount +
                                  "\n"
-                                 "# mount '' /mnt/sdb1 '' " +
-                                 std::to_string(MS_REMOUNT | MS_BIND | MS_NODEV) + "\n");
+                                 "# mount_setattr /mnt/sdb1 4\n");
     EXPECT_EQ(machine.LinkTarget("/mnt/main"), "sdb1");
 }
 
@@ -542,7 +542,7 @@ TEST_F(MainPartitionSearch, LabelComesBeforeTheSignature)
         expected.push_back(std::string("mount /dev/sdb1 /mnt/sdb1 ") + type + label_flags);
     expected.push_back("mount /dev/sdb1 /mnt/sdb1 ext4" + trial_flags);
     expected.push_back("mount (null) /mnt/sdb1" + remount);
-    expected.push_back("mount '' /mnt/sdb1" + protect);
+    expected.push_back(protect);
     EXPECT_EQ(machine.Deeds("mount"), expected);
     EXPECT_EQ(main_partition, "sdb1");
 

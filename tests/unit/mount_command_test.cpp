@@ -173,7 +173,7 @@ private:
 };
 
 static const char acls[] = "execvp mount mount -o remount,acl /mnt/sdc1";
-static const char protect[] = "mount '' /mnt/sdc1 '' 4134"; // nosuid and nodev come back
+static const char protect[] = "mount_setattr /mnt/sdc1 6"; // nosuid and nodev come back
 static const char swap_on_line[] = "Setting up swapfile on main drive.\n";
 
 // The whole of a mount, in its order.
@@ -390,14 +390,15 @@ TEST_F(MountCommand, TableIsReadForEveryRequest)
 TEST_F(MountCommand, RemountsInBothDirections)
 {
     AddHook();
+    machine.MakeDirectory("/some/where");
     SetTable("/dev/sdc1 /some/where ext4 ro,nosuid,nodev,noexec 0 0\n");
     EXPECT_EQ(Ask("rw", "sdc1", somebody), "OK remounted as r/w");
     EXPECT_EQ(TakeDeeds(), Deeds({"execv hook hook sdc1 remount-rw", "mount '' /some/where '' 32",
-                                  "mount '' /some/where '' 4142"}));
+                                  "mount_setattr /some/where 14"}));
     SetTable("/dev/sdc1 /some/where ext4 rw,nosuid,nodev 0 0\n");
     EXPECT_EQ(Ask("ro", "sdc1", somebody), "OK remounted as r/o");
     EXPECT_EQ(TakeDeeds(), Deeds({"execv hook hook sdc1 remount-ro", "mount '' /some/where '' 33",
-                                  "mount '' /some/where '' 4135"}));
+                                  "mount_setattr /some/where 6"}));
     EXPECT_EQ(errors.Take(), "");
 }
 
@@ -572,7 +573,7 @@ TEST_F(MountCommand, MountPointsAreUsedWithoutEscapes)
     SetTable(table + "ro,nosuid 0 0\n");
     machine.MakeDirectory("/mnt/my disk");
     EXPECT_EQ(Ask("rw", "sdc1"), "OK remounted as r/w");
-    EXPECT_EQ(TakeDeeds(), Deeds({"mount '' /mnt/my disk '' 32", "mount '' /mnt/my disk '' 4130"}));
+    EXPECT_EQ(TakeDeeds(), Deeds({"mount '' /mnt/my disk '' 32", "mount_setattr /mnt/my disk 2"}));
     machine.Write("/mnt/my disk/file", "");
     machine.AddProcess(12, "editor", {"/mnt/my disk/file"});
     also_on_deed = [&](const std::string &deed) {
@@ -583,7 +584,7 @@ TEST_F(MountCommand, MountPointsAreUsedWithoutEscapes)
     EXPECT_EQ(Ask("rudero", "sdc1"), "OK remounted as r/o");
     EXPECT_EQ(TakeDeeds(), Deeds({"log 6 12: editor is using mount points. terminating...",
                                   "kill 12 15", "usleep 100000", "mount '' /mnt/my disk '' 33",
-                                  "mount '' /mnt/my disk '' 4131"}));
+                                  "mount_setattr /mnt/my disk 2"}));
     machine.Remove("/mnt/my disk/file");
     EXPECT_EQ(Ask("off", "sdc1"), "OK unmount succeeded");
     EXPECT_EQ(TakeDeeds(), Deeds({"umount /mnt/my disk"}));

@@ -60,7 +60,7 @@ protected:
 static const char user_line[] = "sdb1 has user quotas\n";
 static const char group_line[] = "sdb1 has group quotas\n";
 static const char problem_line[] = "Problem enabling quotas\n";
-static const char protect[] = "mount '' /mnt/sdb1 '' 4134"; // a bind remount, nosuid and nodev
+static const char protect[] = "mount_setattr /mnt/sdb1 6"; // nosuid and nodev
 static const char user_call[] = "quotactl 80000200 /dev/sdb1 2 /mnt/sdb1/aquota.user";
 static const char group_call[] = "quotactl 80000201 /dev/sdb1 2 /mnt/sdb1/aquota.group";
 
@@ -112,12 +112,17 @@ TEST_F(QuotasAndAcls, OnlyWritableMountsAreTouched)
     EXPECT_EQ(errors.Take(), "");
 }
 
-// The table is taken as last read: whoever mounts has read it again.
-TEST_F(QuotasAndAcls, TableIsNotReadAgain)
+// Whether it is mounted is taken from the table as last read: whoever mounts has read it again.
+// What is on top is looked for at this moment.
+TEST_F(QuotasAndAcls, TableIsAsLastRead)
 {
     machine.Write("/proc/mounts", "");
     enable_acls("sdb1", "/mnt/sdb1");
-    EXPECT_EQ(machine.Deeds().size(), 2U);
+    EXPECT_EQ(machine.Deeds(), Deeds({remount_deed("remount,acl")}));
+    machine.Write("/proc/mounts", "/dev/sdb1 /mnt/sdb1 ext4 rw 0 0\nx /mnt/sdb1 tmpfs rw 0 0\n");
+    enable_acls("sdb1", "/mnt/sdb1");
+    EXPECT_EQ(machine.Deeds().size(), 1U);
+    EXPECT_EQ(errors.Take(), "Problem enabling ACLs, oh well\n");
 }
 
 // The directory is the one below /mnt, whatever the caller says and wherever the device is mounted;

@@ -131,6 +131,7 @@ SYSCALLS = {
     "accept4": 288,
     "pipe2": 293,
     "clone3": 435,
+    "mount_setattr": 442,
 }
 
 
