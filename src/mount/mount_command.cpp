@@ -19,6 +19,7 @@
 #include "inspect/md_superblock.h"
 #include "inspect/optical_medium.h"
 #include "inspect/raid_members.h"
+#include "mount/mount_points.h"
 #include "mount/mount_tables.h"
 #include "mount/mounting.h"
 #include "mount/process_eviction.h"
@@ -191,11 +192,11 @@ static void remount(const MountRequest &request, const MountEntry &entry, bool r
 // Unmounts, with a second attempt after two seconds.
 static bool unmount_twice(const std::string &mountpoint)
 {
-    if (umount(mountpoint.c_str()) == 0)
+    if (unmount_at(mountpoint) == 0)
         return true;
     fprintf(stderr, "wait: umount failed. %s\n", strerror(errno));
     sleep(2);
-    if (umount(mountpoint.c_str()) == 0)
+    if (unmount_at(mountpoint) == 0)
         return true;
     fprintf(stderr, "yup, cannot unmount %s\n", strerror(errno));
     return false;
@@ -227,7 +228,7 @@ static void unmount(const MountRequest &request, const MountEntry &entry, std::s
         evict_mount_users(request.name, mountpoint, false);
     bool is_done = unmount_twice(mountpoint);
     if (is_done) {
-        rmdir(mountpoint.c_str());
+        remove_mountpoint(mountpoint);
         is_done = is_gone_from_table(request.name);
         remove_label_link(device_path);
     }

@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include "base/small_files.h"
 
@@ -43,4 +45,36 @@ bool is_in_roots_folder(const std::string &path)
 {
     const std::string folder = path.substr(0, path.rfind('/') + 1);
     return folder == "/" || folder == "/mnt/";
+}
+
+// The name of a mount point in a folder that is held; "", with errno, when that is not what the
+// path says.
+static std::string name_in(const HeldDirectory &folder, const std::string &mountpoint)
+{
+    return folder.IsThere() ? folder.Name() + mountpoint.substr(mountpoint.rfind('/')) : "";
+}
+
+// The folder of a mount point that is in none of root's.
+static HeldDirectory folder_to_hold(const std::string &mountpoint)
+{
+    return HeldDirectory(mountpoint.substr(0, mountpoint.find_last_of('/')));
+}
+
+int unmount_at(const std::string &mountpoint)
+{
+    if (is_in_roots_folder(mountpoint))
+        return umount(mountpoint.c_str());
+    const HeldDirectory folder = folder_to_hold(mountpoint);
+    const std::string name = name_in(folder, mountpoint);
+    return name.empty() ? -1 : umount2(name.c_str(), UMOUNT_NOFOLLOW);
+}
+
+void remove_mountpoint(const std::string &mountpoint)
+{
+    if (is_in_roots_folder(mountpoint)) {
+        rmdir(mountpoint.c_str());
+        return;
+    }
+    const HeldDirectory folder = folder_to_hold(mountpoint);
+    rmdir(name_in(folder, mountpoint).c_str()); // which follows no link for the last name
 }

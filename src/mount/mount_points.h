@@ -45,4 +45,10 @@ private:
 // Whether nobody but root can change what this path leads to.
 bool is_in_roots_folder(const std::string &path);
 
+// umount(2) of what is mounted there, the uppermost. 0, or -1 with errno.
+int unmount_at(const std::string &mountpoint);
+
+// Removes the empty directory. That it cannot be removed is no failure.
+void remove_mountpoint(const std::string &mountpoint);
+
 #endif

@@ -4,13 +4,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <sys/mount.h>
 #include <sys/swap.h>
 #include <unistd.h>
 
 #include "base/daemon_state.h"
 #include "base/words.h"
 #include "inspect/device_name_set.h"
+#include "mount/mount_points.h"
 #include "mount/mount_tables.h"
 #include "mount/process_eviction.h"
 #include "registry/label_links.h"
@@ -32,11 +32,11 @@ static void remove_swap_file(const std::string &name)
 
 static void unmount_with_patience(const std::string &mountpoint)
 {
-    if (umount(mountpoint.c_str()) == 0 || no_force_shutdown)
+    if (unmount_at(mountpoint) == 0 || no_force_shutdown)
         return;
     fprintf(stderr, "wait, cannot unmount %s %s\n", mountpoint.c_str(), strerror(errno));
     sleep(2);
-    if (umount(mountpoint.c_str()) < 0)
+    if (unmount_at(mountpoint) < 0)
         fprintf(stderr, "yep. cannot force unmount %s\n", mountpoint.c_str());
 }
 
@@ -63,7 +63,7 @@ void force_unmount(const std::string &name)
     remove_swap_file(name);
     unmount_with_patience(mountpoint);
     ReadProcMounts();
-    rmdir(mountpoint.c_str());
+    remove_mountpoint(mountpoint);
     remove_label_link(name);
 }
 

@@ -405,6 +405,108 @@ def test_mount_is_not_run_for_what_a_stranger_has_put_on_the_drive(machine):
     kernel.umount("/mnt/sdb1")
 
 
+# A mount point below a folder of a user's.
+
+
+def users_way(machine):
+    """A drive is mounted below a user's folder, and something of root's at /srv/stick."""
+    machine.plug("usb", "sdb", MIB)
+    machine.real_mounts()
+    os.makedirs("/home/guest/way")
+    os.chown("/home/guest", USERS["guest"], USERS["guest"])
+    os.chown("/home/guest/way", USERS["guest"], USERS["guest"])
+    machine.mount_tmpfs("sdb", "/home/guest/way/stick")
+    os.makedirs("/srv/stick")
+    kernel.mount("roots", "/srv/stick", "tmpfs", OWN_FLAGS, "mode=755")
+
+
+def another_way():
+    """He puts a link to /srv in the folder's place."""
+    with acting_as(USERS["guest"]):
+        os.rename("/home/guest/way", "/home/guest/other")
+        os.symlink("/srv", "/home/guest/way")
+
+
+def way_holder(machine, show=True):
+    return machine.troublemaker(
+        "holder", "--ignore-term", "--cwd", "/home/guest/way/stick", show=show
+    )
+
+
+@pytest.mark.parametrize("request_line", ["umount sdb", "mount rudeoff sdb"])
+def test_an_unmount_follows_no_users_link(machine, request_line):
+    """He puts it there while the daemon waits or drives him out."""
+    users_way(machine)
+    daemon = machine.start("--hotplug")
+    is_rude = "rude" in request_line
+    way_holder(machine, show=is_rude)
+    roots = mounts_at("/srv/stick")
+    with machine.connect("guest", timeout=20) as client:
+        client.send(request_line + "\n")
+        if is_rude:
+            wait_until(lambda: kills(machine), what="the eviction")
+        else:
+            daemon.wait_for("wait: umount failed.")
+        another_way()
+        assert client.reply() == "ERR unmount failed\n"
+    assert mounts_at("/srv/stick") == roots
+    assert mounts_at("/home/guest/other/stick")
+
+
+@pytest.mark.parametrize("is_mounted", [True, False])
+def test_a_pulled_drives_unmount_follows_no_users_link(machine, is_mounted):
+    """Neither is the directory removed that it leads to."""
+    users_way(machine)
+    if not is_mounted:
+        kernel.umount("/srv/stick")
+    machine.start()
+    way_holder(machine)
+    machine.unplug("sdb")
+    wait_until(lambda: kills(machine), what="the eviction")
+    another_way()
+    machine.pass_of_loop()
+    assert os.path.isdir("/srv/stick")
+    assert bool(mounts_at("/srv/stick")) == is_mounted
+
+
+@pytest.mark.parametrize(
+    "call, request_line, reply",
+    [
+        ("umount2", "umount sdb", "OK unmount succeeded\n"),
+        ("mount", "mount ro sdb", "OK remounted as r/o\n"),
+    ],
+)
+def test_a_link_that_comes_before_the_call_itself_is_not_followed(
+    machine, call, request_line, reply
+):
+    """Behind the last look at the way the call has another name for it: the mount is the one that
+    was meant, wherever it is now."""
+    users_way(machine)
+    delayed = ["-e", f"trace={call}", "-e", f"inject={call}:delay_enter=1500000:when=1"]
+    daemon = machine.start("--hotplug", trace=delayed)
+    roots = mounts_at("/srv/stick")
+    with machine.connect("guest", timeout=20) as client:
+        client.send(request_line + "\n")
+        wait_until(lambda: daemon.current_call() == kernel.SYSCALLS[call], what=call)
+        another_way()
+        assert client.reply() == reply
+    assert mounts_at("/srv/stick") == roots
+    moved = mounts_at("/home/guest/other/stick")
+    assert not moved if call == "umount2" else "ro" in moved[0][1]
+
+
+@pytest.mark.parametrize("request_line", ["mount ro sdb", "umount sdb"])
+def test_what_covers_a_users_folder_leads_to_no_other_mount(machine, request_line):
+    """A tmpfs stands for his FUSE mount with allow_other, which root may enter."""
+    users_way(machine)
+    kernel.mount("mine", "/home/guest/way", "tmpfs", OWN_FLAGS, "mode=755,uid=1000")
+    os.symlink("/srv/stick", "/home/guest/way/stick")
+    machine.start("--hotplug")
+    roots = mounts_at("/srv/stick")
+    assert machine.ask(request_line, "guest").startswith("ERR ")
+    assert mounts_at("/srv/stick") == roots
+
+
 # Races on a drive.
 
 
@@ -841,7 +943,7 @@ def test_a_hook_that_asks_the_daemon_stops_both(machine):
 
 # The table.
 
-ROWS = 55  # of docs/security.md; there may be more
+ROWS = 56  # of docs/security.md; there may be more
 
 
 def rows_of_the_table():

@@ -52,7 +52,7 @@ TEST_F(Unmounting, MountPointWithABlankGoes)
     };
     force_unmount("sdb1");
     EXPECT_EQ(errors.Take(), "killing processes using sdb1 on /media/my stick\n");
-    EXPECT_EQ(machine.Deeds("umount"), Deeds({"umount /media/my stick"}));
+    EXPECT_EQ(machine.Deeds("umount"), Deeds({"umount /media/my stick 8"}));
     EXPECT_EQ(machine.Deeds("kill"), Deeds({"kill 12 15"}));
     EXPECT_FALSE(machine.Exists("/media/my stick"));
 }
