@@ -149,7 +149,8 @@ ALWAYS = ".*"
 DEVICES = r"Device \w+ just (dis)?appeared \(polling\)"
 SWAP = (
     r"SwapOff: switching off .*|WARNING: Cannot resolve path .*|Swap file exists \(2MB\)|"
-    r"Setting up swapfile on main drive\.|setting up swap| --> .*|Shutting down any other swap .*"
+    r"Setting up swapfile on main drive\.|setting up swap| --> .*|Shutting down any other swap .*|"
+    r"Swap file can be changed by others than root, it is not used|Warning: cannot enable swap"
 )
 DRIVERS = (
     r"(Trying kernel|Trying FUSE|Attempting FUSE) driver .*|Asked to mount .*|"
@@ -158,7 +159,7 @@ DRIVERS = (
 )
 SEARCH = (
     r"For startup search: .*|mount failed for /mnt/\w+, Operation not permitted|"
-    r"Cannot enable swap: .*|Found main partition .*|Warning: cannot enable swap"
+    r"Cannot enable swap: .*|Found main partition .*"
 )
 LABELS = r"/dev/\w+ -> .*|Label (not )?found.*|Scanning devices to locate drive .*"
 EVICTION = "killing processes using .*"
@@ -173,7 +174,7 @@ WITHOUT_MAIN = {
 }
 NO_CHILD = (
     r"volsniffer failed for /dev/\w+, return value 255|Cannot fork! .*|Label: ''|"
-    r"[\w.-]+: failure to fork"
+    r"[\w.-]+: failure to fork|Cannot wait for child process to clear processes out .*"
 )
 
 # The first that fits counts.
@@ -199,6 +200,13 @@ RULES = [
         AT_START,
         says="Cannot get credentials for (nobody|schedule)\n",
         lines="user (nobody|schedule): .*",
+    ),
+    # The C library makes of some failures that there is no such user.
+    Rule(
+        "openat|read|newfstatat|lseek",
+        r"/etc/(passwd|nsswitch\.conf)",
+        AT_START,
+        lines="Cannot get credentials for .*|user (nobody|schedule): .*",
     ),
     # The defaults name no main partition.
     Rule(
@@ -227,6 +235,8 @@ RULES = [
         left=True,
         lines=MOUNTS,
     ),
+    # And what the daemon does not know of at its end is left as it is.
+    Rule("openat|read", "/proc/mounts", AT_END, says=NO_TABLE, left=True, lines=MOUNTS),
     Rule(
         "openat|read",
         "/proc/mounts",
@@ -280,7 +290,7 @@ RULES = [
         rf"/sys/block|{DRIVE}",
         replies=NO_DEVICE,
         rows=True,
-        lines=f"{DEVICES}|{SEARCH}",
+        lines=f"{DEVICES}|{LABELS}|{SEARCH}",
     ),
     # While it polls, the daemon asks a drive that it knows nothing more: what could not be read
     # when the drive came is missing until it comes again.
@@ -293,7 +303,8 @@ RULES = [
     Rule("openat|read", "/sys/.*/size", stays=["capacity"]),
     Rule("openat|read", "/sys/.*/(model|vendor|name|serial|type)", stays=["model"]),
     Rule("openat", "/dev/sr0", r"\d+ (eject|retract) .*", NOT_OPENED, NOT_OPENED),
-    Rule("openat", "/dev/sr0", r"\d+ (list|enumerate).*"),
+    # The last listing's is counted to the request behind it.
+    Rule("openat", "/dev/sr0", r"\d+ (list|enumerate|nonsense).*"),
     Rule(
         "openat",
         "/dev/sd.1",
@@ -307,6 +318,8 @@ RULES = [
     Rule("openat", "/dev/null"),
     # Pulled, so that it cannot be opened anyway.
     Rule("openat", "/dev/sdb1?", "20 refresh", lines="Unable to check .*"),
+    # In other lives this is said by chance, so that it does not count.
+    Rule("openat", "/dev/(sdb1?|sde1?)", errors="ENOENT", lines="Unable to check .*"),
     Rule("openat", "/dev/.*", says=r"cannot open /dev/\w+ |Unable to check \w+ raid participation"),
     Rule("ioctl", ".* CDROMEJECT", says=NO_EJECT, replies=NO_EJECT),
     Rule("ioctl", ".* CDROMCLOSETRAY", says=NO_CLOSING, replies=NO_CLOSING),
@@ -400,7 +413,13 @@ RULES = [
     Rule("newfstatat", "/mnt", says="Cannot stat /mnt\n", lines=SWAP),
     # What cannot be read is no active swap, and what cannot be found no swap file.
     Rule("openat|read", "/proc/swaps", lines=SWAP),
-    Rule("readlink|newfstatat", "/mnt(/sdc1.*)?", lines=SWAP),
+    # A swap file that cannot be looked at may be anybody's.
+    Rule(
+        "readlink|newfstatat",
+        "/mnt(/sdc1.*)?",
+        replies="ERR swap enable failed",
+        lines=SWAP,
+    ),
     # Clients.
     Rule("getsockopt", "client", says="Cannot accept connection: Cannot obtain peer credentials\n"),
     Rule("fcntl", "client F_GETFL", says=r"fcntl\(sock_fd\) == -1! "),
@@ -420,7 +439,7 @@ EXPLAINED = {
     "ERR mount failed": "failure to fork|failed status|Asked to mount|Trying kernel|Cannot access",
     "ERR unmount failed": r"still there\?!|yup, cannot unmount",
     "ERR cannot remount": "Cannot remount ",
-    "ERR swap enable failed": "Cannot set up swap|mkswap error",
+    "ERR swap enable failed": "Cannot set up swap|mkswap error|Swap file can be changed",
     "ERR swap disable failed": "Cannot remove swap",
     "ERR Label not found": "Label not found\n",
 }
