@@ -114,7 +114,7 @@ TEST_F(Remounting, FlagsThatCannotBeGivenAreALine)
         const char *reason;
     } cases[] = {
         {bare, EPERM, "Operation not permitted\n"},
-        {bare, EINVAL, ""}, // nothing is mounted there, whatever the table says
+        {bare, EINVAL, ""},                     // nothing is mounted there, whatever the table says
         {bare, 0, "Device or resource busy\n"}, // another mount's then
         {std::string(bare) + "root /mnt/sdb1 tmpfs rw 0 0\n", 0, "Device or resource busy\n"},
         {"", 0, ""},
