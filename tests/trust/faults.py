@@ -172,6 +172,25 @@ WITHOUT_MAIN = {
     "mounts": True,
     "lines": f"{SEARCH}|{MOUNTS}",
 }
+# Without the table of mounts nobody can be sure of anything.
+WITHOUT_MOUNTS = {
+    "says": NO_TABLE,
+    "replies": "ERR mount succeeded but procfs doesn't show it|ERR (un)?mount failed|"
+    "OK its not mounted anyway|OK- mount succee?ded|ERR cannot remount",
+    # Mounted twice, or still.
+    "then": {
+        r"6 mount rw \^DATA|14 mount rw sdc1": "OK already mounted read/write",
+        "7 mount rudeoff sdb1": "ERR unmount failed",
+        "19 mount rw sdb1": "OK already mounted read/write|OK remounted as r/w",
+    },
+    "rows": True,
+    "mounts": True,
+    # What nobody can be sure of is not remounted; of two mounts the lower, older one is told of.
+    "lines": rf"{MOUNTS}|.*still there.*|Cannot remount \w+ .*|Warning: cannot remount .*|"
+    r"Warning: client asked to mount .*|perhaps the driver senses a problem\?|"
+    r"Cannot protect /mnt/\w+ again .*",
+    "slow": 12,
+}
 NO_CHILD = (
     r"volsniffer failed for /dev/\w+, return value 255|Cannot fork! .*|Label: ''|"
     r"[\w.-]+: failure to fork|Cannot wait for child process to clear processes out .*"
@@ -237,25 +256,9 @@ RULES = [
     ),
     # And what the daemon does not know of at its end is left as it is.
     Rule("openat|read", "/proc/mounts", AT_END, says=NO_TABLE, left=True, lines=MOUNTS),
-    Rule(
-        "openat|read",
-        "/proc/mounts",
-        says=NO_TABLE,
-        replies="ERR mount succeeded but procfs doesn't show it|ERR (un)?mount failed|"
-        "OK its not mounted anyway|OK- mount succee?ded|ERR cannot remount",
-        # Mounted twice, or still.
-        then={
-            r"6 mount rw \^DATA|14 mount rw sdc1": "OK already mounted read/write",
-            "7 mount rudeoff sdb1": "ERR unmount failed",
-            "19 mount rw sdb1": "OK already mounted read/write|OK remounted as r/w",
-        },
-        rows=True,
-        mounts=True,
-        # What nobody can be sure of is not remounted; of two mounts the lower, older one is told of.
-        lines=rf"{MOUNTS}|.*still there.*|Cannot remount \w+ .*|Warning: cannot remount .*|"
-        r"Warning: client asked to mount .*|perhaps the driver senses a problem\?",
-        slow=12,
-    ),
+    # The last request before the stick is pulled.
+    Rule("openat|read", "/proc/mounts", "19 .*", left=True, **WITHOUT_MOUNTS),
+    Rule("openat|read", "/proc/mounts", **WITHOUT_MOUNTS),
     Rule("openat|read", "/proc/filesystems", says="Cannot read /proc/filesystems\n"),
     Rule("openat", "/proc/partitions", says="Cannot open /proc/partitions\n"),
     # Drives. A directory that cannot be opened is that of a drive without partitions.
@@ -304,7 +307,7 @@ RULES = [
     Rule("openat|read", "/sys/.*/(model|vendor|name|serial|type)", stays=["model"]),
     Rule("openat", "/dev/sr0", r"\d+ (eject|retract) .*", NOT_OPENED, NOT_OPENED),
     # The last listing's is counted to the request behind it.
-    Rule("openat", "/dev/sr0", r"\d+ (list|enumerate|nonsense).*"),
+    Rule("openat", "/dev/sr0", r"\d+ (list|enumerate|nonsense).*", lines="Unable to check sr0 .*"),
     Rule(
         "openat",
         "/dev/sd.1",
@@ -319,7 +322,12 @@ RULES = [
     # Pulled, so that it cannot be opened anyway.
     Rule("openat", "/dev/sdb1?", "20 refresh", lines="Unable to check .*"),
     # In other lives this is said by chance, so that it does not count.
-    Rule("openat", "/dev/(sdb1?|sde1?)", errors="ENOENT", lines="Unable to check .*"),
+    Rule(
+        "openat",
+        "/dev/(sdb1?|sde1?)",
+        errors="ENOENT",
+        lines="Unable to check .*|cannot open /dev/.*",
+    ),
     Rule("openat", "/dev/.*", says=r"cannot open /dev/\w+ |Unable to check \w+ raid participation"),
     Rule("ioctl", ".* CDROMEJECT", says=NO_EJECT, replies=NO_EJECT),
     Rule("ioctl", ".* CDROMCLOSETRAY", says=NO_CLOSING, replies=NO_CLOSING),
