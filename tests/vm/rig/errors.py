@@ -5,6 +5,10 @@ class RigError(Exception):
     """Something in the rig (not the daemon) went wrong."""
 
 
+class NotUp(RigError):
+    """The machine was started, and nothing in it has answered in time."""
+
+
 class GuestError(RigError, OSError):
     """An operation in the guest failed with an errno."""
 
