@@ -17,7 +17,7 @@ import pytest
 
 from machine import kernel, stand_ins
 from machine.clients import wait_until
-from machine.machine import SANITIZER, sleep
+from machine.machine import SANITIZER, sleep, state_of
 from machine.namespaces import QUARRYCTL
 from machine.stand_in_server import StandIn, everything, full_queue
 from machine.stand_ins import mount_options
@@ -731,11 +731,6 @@ def test_watch_gives_the_terminal_back_while_it_is_stopped(machine):
     terminal.type(b"q")
     assert run.ended()[0] == 0
     assert terminal.mode() == before
-
-
-def state_of(pid):
-    with open(f"/.proc/{pid}/stat") as file:
-        return file.read().rpartition(")")[2].split()[0]
 
 
 def test_watch_waits_for_a_daemon_that_is_gone(machine):

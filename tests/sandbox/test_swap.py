@@ -8,7 +8,6 @@ import re
 
 import pytest
 
-from machine import kernel
 from machine.drives import write
 
 MIB = 1 << 20

@@ -20,7 +20,7 @@ from machine import kernel, stand_ins
 from machine.client import asked_for_json
 from machine.clients import acting_as, wait_until
 from machine.drives import write
-from machine.evictions import forcibly, kills, terminating
+from machine.evictions import kills, terminating
 from machine.machine import USERS, state_of
 from machine.traces import own_calls
 

@@ -7,8 +7,6 @@ drive's name, which the kernel then lists, remounts, finds busy and unmounts as 
 
 import os
 
-from .drives import write
-
 CALLS = "/run/stand-in-calls"
 REAL_MOUNT = "/.usr/bin/mount"
 
